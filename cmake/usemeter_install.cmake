@@ -1,0 +1,19 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS usemeter EXPORT usemeterTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/usemeter DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/usemeter)
+install(EXPORT usemeterTargets NAMESPACE usemeter:: DESTINATION ${config_dir})
+configure_package_config_file(cmake/usemeterConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/usemeterConfig.cmake INSTALL_DESTINATION ${config_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/usemeterConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/usemeterConfig.cmake
+              ${PROJECT_BINARY_DIR}/usemeterConfigVersion.cmake
+        DESTINATION ${config_dir})
+
+configure_file(cmake/usemeter.pc.in ${PROJECT_BINARY_DIR}/usemeter.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/usemeter.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

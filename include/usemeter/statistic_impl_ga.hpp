@@ -1,0 +1,43 @@
+// The analytics backend: turns each permitted feature use into one Measurement
+// Protocol v1 event hit and hands it to the connector's background thread.
+#ifndef USEMETER_STATISTIC_IMPL_GA_HPP
+#define USEMETER_STATISTIC_IMPL_GA_HPP
+
+#include <set>
+#include <string>
+
+#include "usemeter/active_user_detector.hpp"
+#include "usemeter/http_connector.hpp"
+#include "usemeter/statistic_impl.hpp"
+
+namespace usemeter_1_5_7 {
+
+class USEMETER_API statistic_impl_ga_t : public statistic_impl_t {
+public:
+    statistic_impl_ga_t(const std::string& product_name, const std::string& product_version);
+    ~statistic_impl_ga_t() override;
+
+    void notify_feature_usage_ex(const std::string& name, unsigned long long value) override;
+    void write_range_metric(const std::string&, unsigned long long, unsigned long long,
+                            unsigned char, unsigned long long) override;
+    void write_log_range_metric(const std::string&, unsigned long long, unsigned char) override;
+    void notify_send_data(bool) override;
+    bool flush() override;
+
+    void queue_ga_event(const std::string& category, const std::string& label);
+
+    // "http://www.google-analytics.com/collect"
+    static const char* ga_url;
+
+private:
+    active_user_detector_t active_user_detector;
+    http_connector_t connector;
+    std::string tracking_id;
+    bool ready;
+    std::string payload_prefix;
+    std::set<std::string> enabled_events;
+};
+
+}  // namespace usemeter_1_5_7
+
+#endif

@@ -1,0 +1,178 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "basekit/variant_bag.hpp"
+#include "support/temp_home.hpp"
+
+using basekit::variant_bag_t;
+using basekit::variant_t;
+using usemeter_test::read_file;
+using usemeter_test::temp_dir_t;
+using usemeter_test::write_file;
+
+namespace {
+
+TEST(variant_bag, round_trip_keeps_types_order_and_repeated_names)
+{
+    temp_dir_t dir;
+    variant_bag_t bag;
+    bag.put("UUID", variant_t("0F1E2D3C-4B5A-4978-8796-A5B4C3D2E1F0"));
+    bag.put("text", variant_t(std::string("a <b> & \"c\"")));
+    bag.put("i", variant_t(std::int32_t(-7)));
+    bag.put("i64", variant_t(std::int64_t(1) << 40));
+    bag.put("u64", variant_t(std::uint64_t(18446744073709551615ull)));
+    bag.put("d", variant_t(0.25));
+    bag.put("b", variant_t(true));
+    bag.put("raw", variant_t::blob(std::string("\x00\xff", 2)));
+    for (int day : {20, 21, 22}) {
+        variant_bag_t& item = bag.add_bag("item");
+        item.put("D", variant_t(std::int32_t(day)));
+    }
+
+    const std::string path = dir / "state.xml";
+    ASSERT_EQ(basekit::save_variant_bag2(bag, path, "bag"), 1);
+    variant_bag_t loaded;
+    ASSERT_EQ(basekit::load_variant_bag2(loaded, path, "bag", false), 1);
+
+    const variant_t none;
+    EXPECT_EQ(loaded.get_variant("UUID", none).get<std::string>(), "0F1E2D3C-4B5A-4978-8796-A5B4C3D2E1F0");
+    EXPECT_EQ(loaded.get_variant("text", none).get<std::string>(), "a <b> & \"c\"");
+    EXPECT_EQ(loaded.get_variant("i", none).get<std::int32_t>(), -7);
+    EXPECT_EQ(loaded.get_variant("i64", none).get<std::int64_t>(), std::int64_t(1) << 40);
+    EXPECT_EQ(loaded.get_variant("u64", none).get<std::uint64_t>(), 18446744073709551615ull);
+    EXPECT_EQ(loaded.get_variant("d", none).get<double>(), 0.25);
+    EXPECT_TRUE(loaded.get_variant("b", none).get<bool>());
+    EXPECT_EQ(loaded.get_variant("raw", none).bytes(), std::string("\x00\xff", 2));
+
+    std::vector<int> days;
+    for (auto it = loaded.begin_by_name("item"); !it.at_end(); it.next())
+        days.push_back(it.get_value().get_variant("D", none).get<std::int32_t>());
+    EXPECT_EQ(days, (std::vector<int>{20, 21, 22}));
+}
+
+TEST(variant_bag, saved_form_is_the_documented_xml)
+{
+    temp_dir_t dir;
+    variant_bag_t bag;
+    bag.put("UUID", variant_t("X"));
+    bag.add_bag("item").put("Y", variant_t(std::int32_t(2026)));
+    ASSERT_EQ(basekit::save_variant_bag2(bag, dir / "f.xml", "bag"), 1);
+    EXPECT_EQ(read_file(dir / "f.xml"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<bag>\n"
+              "  <UUID type=\"string\">X</UUID>\n"
+              "  <item type=\"bag\">\n"
+              "    <Y type=\"int\">2026</Y>\n"
+              "  </item>\n"
+              "</bag>\n");
+}
+
+struct load_case {
+    const char* name;
+    std::string content;
+    int expected;
+};
+
+TEST(variant_bag, bad_files_load_as_failures_without_throwing)
+{
+    const load_case cases[] = {
+        {"empty", "", 0},
+        {"truncated", "<?xml version=\"1.0\"?><bag><UUID type=\"string\">ab", 0},
+        {"wrong root", "<other><UUID type=\"string\">x</UUID></other>", 0},
+        {"binary", std::string("\x00\x01\x02\xff<bag>", 9), 0},
+        {"text only", "hello", 0},
+        {"well formed", "<bag/>", 1},
+        {"comment before root", "<!-- c --><bag></bag>", 1},
+    };
+    for (const load_case& c : cases) {
+        variant_bag_t bag;
+        bag.put("stale", variant_t("value"));
+        EXPECT_EQ(basekit::parse_variant_bag(bag, c.content, "bag"), c.expected) << c.name;
+        EXPECT_TRUE(bag.get_variant("stale", variant_t()).empty()) << c.name;
+    }
+    variant_bag_t bag;
+    EXPECT_EQ(basekit::load_variant_bag2(bag, "/no/such/dir/file.xml", "bag", false), 0);
+    EXPECT_EQ(basekit::load_variant_bag2(bag, "/", "bag", false), 0);
+}
+
+TEST(variant_bag, values_that_do_not_parse_as_their_type_load_as_empty)
+{
+    variant_bag_t bag;
+    ASSERT_EQ(basekit::parse_variant_bag(bag,
+                                         "<bag><a type=\"int\">12x</a><b type=\"int\">99999999999</b>"
+                                         "<c>untyped</c><d type=\"weird\">1</d><e type=\"bool\">yes</e>"
+                                         "<f type=\"blob\">abc</f><g type=\"uint64\">-1</g>"
+                                         "<h type=\"int\">+</h><i type=\"int\"> -2147483648\n</i></bag>",
+                                         "bag"),
+              1);
+    for (const char* name : {"a", "b", "c", "d", "e", "f", "g", "h"}) {
+        const variant_t value = bag.get_variant(name, variant_t("absent"));
+        EXPECT_TRUE(value.empty()) << name;
+        EXPECT_FALSE(value.can_get<std::int32_t>()) << name;
+        EXPECT_FALSE(value.can_get<const char*>()) << name;
+    }
+    EXPECT_EQ(bag.get_variant("i", variant_t()).get<std::int32_t>(), INT32_MIN);
+}
+
+TEST(variant_bag, hostile_nesting_and_size_are_survived)
+{
+    std::string deep;
+    for (int i = 0; i < 100000; ++i)
+        deep += "<x type=\"bag\">";
+    variant_bag_t bag;
+    EXPECT_EQ(basekit::parse_variant_bag(bag, "<bag>" + deep, "bag"), 0);  // unclosed
+
+    std::string closed = "<bag>";
+    for (int i = 0; i < 5000; ++i)
+        closed += "<x type=\"bag\">";
+    for (int i = 0; i < 5000; ++i)
+        closed += "</x>";
+    closed += "</bag>";
+    EXPECT_EQ(basekit::parse_variant_bag(bag, closed, "bag"), 1);
+
+    std::string huge = "<bag><UUID type=\"string\">" + std::string(8 << 20, 'A') + "</UUID></bag>";
+    ASSERT_EQ(basekit::parse_variant_bag(bag, huge, "bag"), 1);
+    EXPECT_EQ(bag.get_variant("UUID", variant_t()).bytes().size(), std::size_t(8) << 20);
+}
+
+TEST(variant_bag, save_into_missing_directory_fails_and_leaves_nothing)
+{
+    temp_dir_t dir;
+    variant_bag_t bag;
+    EXPECT_EQ(basekit::save_variant_bag2(bag, dir / "missing/f.xml", "bag"), 0);
+    write_file(dir / "file", "x");
+    EXPECT_EQ(basekit::save_variant_bag2(bag, dir / "file/f.xml", "bag"), 0);
+}
+
+TEST(variant_bag, a_process_killed_while_saving_leaves_the_old_or_the_new_file)
+{
+    temp_dir_t dir;
+    const std::string path = dir / "state.xml";
+    variant_bag_t old_bag;
+    old_bag.put("V", variant_t("old"));
+    ASSERT_EQ(basekit::save_variant_bag2(old_bag, path, "bag"), 1);
+
+    for (int round = 0; round < 20; ++round) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            variant_bag_t big;
+            big.put("V", variant_t("new"));
+            big.put("padding", variant_t(std::string(1 << 20, 'p')));
+            for (;;)
+                basekit::save_variant_bag2(big, path, "bag");
+        }
+        ::usleep(1000 * (round % 5 + 1));
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+
+        variant_bag_t seen;
+        ASSERT_EQ(basekit::load_variant_bag2(seen, path, "bag", false), 1) << "round " << round;
+        const std::string v = seen.get_variant("V", variant_t()).get<std::string>();
+        EXPECT_TRUE(v == "old" || v == "new") << v;
+    }
+}
+
+}  // namespace
