@@ -1,1 +1,132 @@
-// Not yet implemented.
+#include "usemeter/statistic_impl_ga.hpp"
+
+#include <log4cplus/loggingmacros.h>
+
+#include "basekit/variant_bag.hpp"
+#include "tracelog/tracelog.hpp"
+#include "usemeter/host_facts.hpp"
+#include "usemeter/product_locations.hpp"
+
+namespace usemeter_1_5_7 {
+
+namespace {
+
+const log4cplus::Logger logger = tracelog::log::component_logger("usemeter.statistic");
+
+const char* const measurement_tracking_id = "UA-12345678-42";
+const char* const os_family = "posix";
+const std::string run_prefix = "run.";
+
+// Where the host product keeps the event whitelist; empty without a locations service.
+std::string whitelist_path()
+{
+    const prodenv::IProductLocations* locations = prodenv::IProductLocations::get();
+    const char* data_dir = locations ? locations->getDataDir() : nullptr;
+    if (!data_dir)
+        return std::string();
+    return basekit::path_t(data_dir).append("statistic").append("enabled_stat_events.xml").as_string();
+}
+
+}  // namespace
+
+const char* statistic_impl_ga_t::ga_url = "http://www.google-analytics.com/collect";
+
+statistic_impl_ga_t::statistic_impl_ga_t(const std::string& product_name,
+                                         const std::string& product_version)
+    : statistic_impl_t(product_name, product_version),
+      active_user_detector(settings_dir_),
+      connector(ga_url),
+      tracking_id(measurement_tracking_id),
+      ready(false)
+{
+    const std::string os_name = get_os_name();
+    // A build without a tracking identifier stays inert: every event is dropped.
+    if (tracking_id.empty())
+        return;
+
+    payload_prefix = "v=1&tid=" + tracking_id + "&cid=" + uuid_ + "&an=" +
+                     connector.urlencode(product_name_) + "&av=" + product_version_ +
+                     "&cd1=" + connector.urlencode(os_family) + "&cd2=" + connector.urlencode(os_name);
+
+    const std::string path = whitelist_path();
+    basekit::variant_bag_t whitelist;
+    if (!path.empty() && basekit::load_variant_bag2(whitelist, path, "bag", false) == 1) {
+        for (auto event = whitelist.begin_by_name("event"); !event.at_end(); event.next()) {
+            const basekit::variant_t name = event.get_value().get_variant("name", basekit::variant_t());
+            if (name.can_get<const char*>())
+                enabled_events.insert(name.get<const char*>());
+        }
+    }
+    ready = true;
+}
+
+// Members go in reverse order: the connector drains its queue before the detector saves.
+statistic_impl_ga_t::~statistic_impl_ga_t() = default;
+
+void statistic_impl_ga_t::notify_feature_usage_ex(const std::string& name, unsigned long long value)
+{
+    TRACELOG_SCOPE(logger, "virtual void usemeter_1_5_7::statistic_impl_ga_t::notify_feature_usage_ex("
+                           "const std::string&, unsigned long long)");
+    LOG4CPLUS_INFO(logger, "feature_name=" << name << " value=" << value);
+
+    // Days of use count whether or not anything may be sent.
+    active_user_detector.notify_activity();
+    if (!enabled_ || !ready)
+        return;
+
+    std::string key = name;
+    for (;;) {
+        if (enabled_events.count(key)) {
+            if (key.size() < name.size())
+                queue_ga_event(key, name.substr(key.size() + 1));
+            else
+                queue_ga_event(name, std::string());
+            return;
+        }
+        const std::size_t dot = key.rfind('.');
+        if (dot == std::string::npos)
+            break;
+        key.resize(dot);
+    }
+
+    // A plain tool run is reported without a whitelist entry; deeper names need one.
+    if (name.compare(0, run_prefix.size(), run_prefix) == 0 &&
+        name.find('.', run_prefix.size()) == std::string::npos)
+        queue_ga_event("run", name.substr(run_prefix.size()));
+}
+
+void statistic_impl_ga_t::queue_ga_event(const std::string& category, const std::string& label)
+{
+    std::string body;
+    body.reserve(payload_prefix.size() + category.size() * 3 + label.size() * 3 + 32);
+    body += payload_prefix;
+    body += "&t=event&ec=";
+    body += connector.urlencode(category);
+    if (!label.empty()) {
+        body += "&el=";
+        body += connector.urlencode(label);
+    }
+    body += "&cd3=";
+    body += active_user_detector.is_active_user() ? "y" : "n";
+    connector.post(std::move(body));
+}
+
+void statistic_impl_ga_t::write_range_metric(const std::string&, unsigned long long,
+                                             unsigned long long, unsigned char, unsigned long long)
+{
+}
+
+void statistic_impl_ga_t::write_log_range_metric(const std::string&, unsigned long long, unsigned char)
+{
+}
+
+void statistic_impl_ga_t::notify_send_data(bool)
+{
+}
+
+bool statistic_impl_ga_t::flush()
+{
+    return true;
+}
+
+}  // namespace usemeter_1_5_7
