@@ -74,14 +74,20 @@ void statistic_impl_ga_t::notify_feature_usage_ex(const std::string& name, unsig
     if (!enabled_ || !ready)
         return;
 
+    std::string category, label;
+    if (resolve_event(name, category, label))
+        queue_ga_event(category, label);
+}
+
+bool statistic_impl_ga_t::resolve_event(const std::string& name, std::string& category,
+                                        std::string& label) const
+{
     std::string key = name;
     for (;;) {
         if (enabled_events.count(key)) {
-            if (key.size() < name.size())
-                queue_ga_event(key, name.substr(key.size() + 1));
-            else
-                queue_ga_event(name, std::string());
-            return;
+            label = key.size() < name.size() ? name.substr(key.size() + 1) : std::string();
+            category = std::move(key);
+            return true;
         }
         const std::size_t dot = key.rfind('.');
         if (dot == std::string::npos)
@@ -91,24 +97,39 @@ void statistic_impl_ga_t::notify_feature_usage_ex(const std::string& name, unsig
 
     // A plain tool run is reported without a whitelist entry; deeper names need one.
     if (name.compare(0, run_prefix.size(), run_prefix) == 0 &&
-        name.find('.', run_prefix.size()) == std::string::npos)
-        queue_ga_event("run", name.substr(run_prefix.size()));
+        name.find('.', run_prefix.size()) == std::string::npos) {
+        category = "run";
+        label = name.substr(run_prefix.size());
+        return true;
+    }
+    return false;
 }
 
 void statistic_impl_ga_t::queue_ga_event(const std::string& category, const std::string& label)
 {
+    connector.post(build_event_body(category, label));
+}
+
+std::string statistic_impl_ga_t::build_event_body(const std::string& category, const std::string& label)
+{
+    const std::string encoded_category = connector.urlencode(category);
+    const std::string encoded_label = label.empty() ? std::string() : connector.urlencode(label);
+    const char* const active = active_user_detector.is_active_user() ? "y" : "n";
+
+    // Sized exactly: bodies may queue by the thousand behind a dead route.
     std::string body;
-    body.reserve(payload_prefix.size() + category.size() * 3 + label.size() * 3 + 32);
+    body.reserve(payload_prefix.size() + 12 + encoded_category.size() +
+                 (label.empty() ? 0 : 4 + encoded_label.size()) + 6);
     body += payload_prefix;
     body += "&t=event&ec=";
-    body += connector.urlencode(category);
+    body += encoded_category;
     if (!label.empty()) {
         body += "&el=";
-        body += connector.urlencode(label);
+        body += encoded_label;
     }
     body += "&cd3=";
-    body += active_user_detector.is_active_user() ? "y" : "n";
-    connector.post(std::move(body));
+    body += active;
+    return body;
 }
 
 void statistic_impl_ga_t::write_range_metric(const std::string&, unsigned long long,

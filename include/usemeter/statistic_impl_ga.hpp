@@ -26,6 +26,16 @@ public:
 
     void queue_ga_event(const std::string& category, const std::string& label);
 
+    // Inspection for tools and tests; reporting itself goes through the operations above.
+    // The event a feature name becomes (longest whitelisted dotted prefix, or a plain
+    // "run.<tool>"); false when the name would be dropped.
+    bool resolve_event(const std::string& name, std::string& category, std::string& label) const;
+    // The exact body queue_ga_event would post for this event now.
+    std::string build_event_body(const std::string& category, const std::string& label);
+    const std::set<std::string>& whitelisted_events() const { return enabled_events; }
+    bool is_ready() const { return ready; }
+    bool is_collection_enabled() const { return enabled_; }
+
     // "http://www.google-analytics.com/collect"
     static const char* ga_url;
 
