@@ -1,1 +1,238 @@
-// Not yet implemented.
+#include "usemeter/statistic_impl.hpp"
+
+#include <fstream>
+
+#include <boost/filesystem/operations.hpp>
+
+#include "basekit/environ.hpp"
+#include "basekit/variant_bag.hpp"
+#include "tracelog/tracelog.hpp"
+#include "usemeter/host_facts.hpp"
+#include "usemeter/product_locations.hpp"
+
+namespace usemeter_1_5_7 {
+
+namespace {
+
+const log4cplus::Logger logger = tracelog::log::component_logger("usemeter.statistic");
+
+bool is_set(const char* variable)
+{
+    // Only presence counts: "0" or "no" switch as surely as "1".
+    return !basekit::get_environ_value(variable).empty();
+}
+
+}  // namespace
+
+statistic_impl_t::statistic_impl_t(const std::string& product_name,
+                                   const std::string& product_version)
+    : product_name_(product_name), product_version_(product_version), enabled_(false)
+{
+    // Without its directories the object stays silent rather than failing the host.
+    if (!initialize_paths())
+        return;
+    load_uuid();
+    enabled_ = is_enabled();
+}
+
+statistic_impl_t::~statistic_impl_t() = default;
+
+bool statistic_impl_t::initialize_paths()
+{
+    try {
+        const prodenv::IProductLocations* locations = prodenv::IProductLocations::get();
+
+        const std::string home = basekit::get_environ_value("HOME");
+        const boost::filesystem::path base =
+            boost::filesystem::path(home.empty() ? std::string(".") : home) / "norvel";
+
+        const char* product_dir = locations ? locations->getProductDirName() : nullptr;
+        const std::string product = product_dir ? std::string(product_dir) : product_name_;
+
+        boost::filesystem::create_directories(base);
+        optin_path_ = (base / "optin").string();
+
+        settings_dir_ = base / product / "settings" / "statistic";
+        boost::filesystem::create_directories(settings_dir_);
+        uuid_path_ = (settings_dir_ / "uuid.xml").string();
+        return true;
+    } catch (const boost::filesystem::filesystem_error&) {
+        return false;
+    }
+}
+
+std::string statistic_impl_t::load_uuid()
+{
+    TRACELOG_SCOPE(logger, "std::basic_string<char, std::char_traits<char>, std::allocator<char>> "
+                           "usemeter_1_5_7::statistic_impl_t::load_uuid()");
+
+    // A forced identifier is taken as it stands and leaves the file alone.
+    uuid_ = basekit::get_environ_value("NORVEL_FORCE_UUID");
+    if (!uuid_.empty())
+        return uuid_;
+
+    basekit::variant_bag_t bag;
+    const basekit::path_t path(uuid_path_);
+    if (basekit::load_variant_bag2(bag, path, "bag", false) == 1) {
+        // A bag that loads is trusted and never rewritten, even without a usable "UUID":
+        // reporting then stays off until someone fixes or removes the file.
+        const basekit::variant_t value = bag.get_variant("UUID", basekit::variant_t());
+        if (value.kind() == basekit::variant_t::vt_string)
+            uuid_ = value.bytes();
+        return uuid_;
+    }
+
+    // Missing or unreadable: start afresh. A failed save only costs a new identifier
+    // next time.
+    uuid_ = generate_uuid4();
+    bag.clear();
+    bag.put("UUID", basekit::variant_t(uuid_));
+    basekit::save_variant_bag2(bag, path, "bag");
+    return uuid_;
+}
+
+void statistic_impl_t::notify_gui_start() {}
+
+std::string statistic_impl_t::get_uuid() const
+{
+    return uuid_;
+}
+
+void statistic_impl_t::notify_feature_usage(const std::string& name)
+{
+    notify_feature_usage_ex(name, 1);
+}
+
+bool statistic_impl_t::send_crash_report(const std::string&)
+{
+    return false;
+}
+
+statistic_impl_t::env_vars_state_t statistic_impl_t::get_env_vars_state()
+{
+    TRACELOG_SCOPE(logger, "static usemeter_1_5_7::statistic_impl_t::env_vars_state_t "
+                           "usemeter_1_5_7::statistic_impl_t::get_env_vars_state()");
+
+    // First match wins, so a disabling variable always beats the forcing one.
+    static const struct {
+        const char* variable;
+        env_vars_state_t state;
+        const char* message;
+    } rules[] = {
+        {"NORVEL_STATISTICS_DISABLE", evsDisabled,
+         "Return 'evsDisabled' - NORVEL_STATISTICS_DISABLE is set"},
+        {"NORVEL_DONOTSEND_FEEDBACK", evsDisabled,
+         "Return 'evsDisabled' - NORVEL_DONOTSEND_FEEDBACK is set"},
+        {"NORVEL_DISABLE_FEEDBACK", evsDisabled,
+         "Return 'evsDisabled' - NORVEL_DISABLE_FEEDBACK is set"},
+        {"NORVEL_FORCE_FEEDBACK", evsEnabledForced,
+         "Return 'evsEnabledForced' - NORVEL_FORCE_FEEDBACK is set"},
+    };
+    for (const auto& rule : rules) {
+        if (is_set(rule.variable)) {
+            LOG4CPLUS_TRACE(logger, rule.message);
+            return rule.state;
+        }
+    }
+    LOG4CPLUS_TRACE(logger, "Return 'evsEnabled'");
+    return evsEnabled;
+}
+
+bool statistic_impl_t::is_enabled() const
+{
+    TRACELOG_SCOPE(logger, "bool usemeter_1_5_7::statistic_impl_t::is_enabled() const");
+
+    if (uuid_.empty()) {
+        LOG4CPLUS_INFO(logger, "Return 'false' - empty uuid. reporting disabled");
+        return false;
+    }
+
+    switch (get_env_vars_state()) {
+    case evsDisabled:
+        LOG4CPLUS_TRACE(logger, "Return 'false' - statistic disabled due to environment variables");
+        return false;
+    case evsEnabledForced:
+        LOG4CPLUS_TRACE(logger, "Return 'true' - statistic forcefully enabled by environment variables");
+        return true;
+    case evsEnabledUnconditional:
+        LOG4CPLUS_TRACE(logger, "Return 'true' - statistic forcefully enabled by build time "
+                                "ENABLE_UNCONDITIONAL_DELIVERY option");
+        return true;
+    case evsEnabled:
+        break;
+    }
+
+    switch (get_network_status()) {
+    case nsExcludedNetwork:
+        LOG4CPLUS_TRACE(logger, "Return 'false' - excluded network");
+        return false;
+    case nsError:
+        LOG4CPLUS_TRACE(logger, "Return 'false' - network error");
+        return false;
+    default:
+        break;
+    }
+
+    return get_user_consent() == ucGranted;
+}
+
+int statistic_impl_t::get_user_consent() const
+{
+    switch (get_env_vars_state()) {
+    case evsEnabledForced:
+    case evsEnabledUnconditional:
+        return ucGranted;
+    case evsDisabled:
+        return ucRefused;
+    case evsEnabled:
+        break;
+    }
+
+    std::ifstream in(optin_path_.c_str());
+    if (!in.is_open() || !in.good()) {
+        LOG4CPLUS_TRACE(logger, "optin file missing/not readable");
+        return ucUnknown;
+    }
+    std::string token;
+    in >> token;
+    // A read error (not a plain end of file) means the file could not be read at all,
+    // e.g. a directory in its place: no decision is on record.
+    if (in.bad()) {
+        LOG4CPLUS_TRACE(logger, "optin file missing/not readable");
+        return ucUnknown;
+    }
+    LOG4CPLUS_TRACE(logger, "optin file content read");
+    if (token == "1") {
+        LOG4CPLUS_TRACE(logger, "optin file enables statistic");
+        return ucGranted;
+    }
+    LOG4CPLUS_TRACE(logger, "optin file disables statistic");
+    return ucRefused;
+}
+
+void statistic_impl_t::set_statistic_collection_enabled(bool enabled)
+{
+    {
+        // Failures are silent by contract: the decision below then reflects the old file.
+        std::ofstream out(optin_path_.c_str(), std::ios::out | std::ios::trunc);
+        if (out.is_open() && out.good())
+            out.put(enabled ? '1' : '0');
+    }
+    enabled_ = is_enabled();
+}
+
+bool statistic_impl_t::is_send_files_disabled() const
+{
+    TRACELOG_SCOPE(logger,
+                   "bool usemeter_1_5_7::statistic_impl_t::is_send_files_disabled() const");
+
+    // Only this switch forbids files; the other disabling variables stop statistics only.
+    if (is_set("NORVEL_DONOTSEND_FEEDBACK")) {
+        LOG4CPLUS_TRACE(logger, "Return 'true' - NORVEL_DONOTSEND_FEEDBACK is enabled");
+        return true;
+    }
+    LOG4CPLUS_TRACE(logger, "Return 'false'");
+    return false;
+}
+
+}  // namespace usemeter_1_5_7
