@@ -355,6 +355,13 @@ int parse_variant_bag(variant_bag_t& bag, const std::string& xml, const std::str
 
 int load_variant_bag2(variant_bag_t& bag, const path_t& path, const std::string& root, bool)
 {
+    // pugixml sizes its buffer by seeking to the end, which on a directory asks for an
+    // absurd allocation; only regular files can hold a bag.
+    struct stat info;
+    if (::stat(path.as_string(false).c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        bag.clear();
+        return 0;
+    }
     pugi::xml_document document;
     const pugi::xml_parse_result parsed = document.load_file(path.as_string(false).c_str());
     return load_document(bag, parsed, document, root);
