@@ -56,7 +56,9 @@ bool statistic_impl_t::initialize_paths()
         boost::filesystem::create_directories(settings_dir_);
         uuid_path_ = (settings_dir_ / "uuid.xml").string();
         return true;
-    } catch (const boost::filesystem::filesystem_error&) {
+    } catch (const boost::filesystem::filesystem_error& error) {
+        // Support's first question is why nothing was sent; answer it here.
+        LOG4CPLUS_INFO(logger, "statistic disabled: cannot prepare per-user directories: " << error.what());
         return false;
     }
 }

@@ -391,7 +391,10 @@ TEST_F(policy, unusable_directories_leave_a_silent_object)
         EXPECT_FALSE(probe.enabled());
         EXPECT_EQ(probe.uuid_file(), "");
         EXPECT_EQ(probe.optin().empty(), !row.optin_known);
-        EXPECT_TRUE(log.records().empty());  // the decision is never taken
+        // The decision is never taken; one INFO record says why.
+        const std::vector<std::string> messages = log.messages(true);
+        ASSERT_EQ(messages.size(), 1u);
+        EXPECT_EQ(messages[0].rfind("statistic disabled: cannot prepare per-user directories: ", 0), 0u);
     }
     // An identifier file that cannot be replaced still yields one for this process.
     make_dirs(uuid_xml());
