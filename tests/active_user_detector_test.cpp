@@ -7,7 +7,7 @@
 #include "support/temp_home.hpp"
 #include "usemeter/active_user_detector.hpp"
 
-using usemeter::active_user_detector_t;
+using usemeter_1_5_7::active_user_detector_t;
 using usemeter_test::file_exists;
 using usemeter_test::temp_dir_t;
 using usemeter_test::write_file;
@@ -51,9 +51,9 @@ std::vector<date_t> read_history(const std::string& dir)
         return dates;
     for (auto it = bag.begin_by_name("item"); !it.at_end(); it.next()) {
         date_t d{};
-        usemeter::getVariantInt(it.get_value(), "Y", &d.year);
-        usemeter::getVariantInt(it.get_value(), "M", &d.month);
-        usemeter::getVariantInt(it.get_value(), "D", &d.day);
+        usemeter_1_5_7::getVariantInt(it.get_value(), "Y", &d.year);
+        usemeter_1_5_7::getVariantInt(it.get_value(), "M", &d.month);
+        usemeter_1_5_7::getVariantInt(it.get_value(), "D", &d.day);
         dates.push_back(d);
     }
     return dates;
