@@ -33,6 +33,8 @@ public:
     void notify_activity();
     void get_current_date(date_t* out);
     bool is_active_user();
+    // The remembered days as kept, oldest first (for inspection tools).
+    const std::vector<date_t>& history() const { return dates; }
 
 private:
     std::vector<date_t> dates;
