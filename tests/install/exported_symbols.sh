@@ -1,0 +1,45 @@
+#!/bin/sh
+# Checks the names libusemeter.so exports: nothing outside its interface (the flat
+# usemeter_* functions, usemeter_1_5_7::, basekit::path_t, prodenv::IProductLocations),
+# and the names hosts link against, type information of the classes included.
+# Usage: exported_symbols.sh <path of libusemeter.so>
+set -eu
+exported=$(nm -D --defined-only "$1" | awk '{ print $NF }' | c++filt)
+
+# std:: and boost:: template instances and exception type information may get default
+# visibility from those libraries' own headers; they are theirs, not part of ours.
+unexpected=$(printf '%s\n' "$exported" |
+    sed -E 's/^(typeinfo name for |typeinfo for |vtable for |VTT for |construction vtable for |guard variable for |(non-)?virtual thunk to )//' |
+    grep -Ev '^(usemeter_[a-z_]+|_init|_fini)$' |
+    grep -Ev '^(usemeter_1_5_7::|basekit::path_t(::|$)|prodenv::IProductLocations(::|$))' |
+    grep -Ev '^([a-z_ ]+ )?(std|boost)::' || true)
+
+missing=
+while IFS= read -r name; do
+    printf '%s\n' "$exported" | grep -qxF "$name" || missing="$missing$name
+"
+done <<'REQUIRED'
+usemeter_create_statistic
+usemeter_destroy_statistic
+usemeter_notify_feature_usage
+usemeter_should_ask_user_consent
+usemeter_set_statistic_collection_enabled
+usemeter_1_5_7::statistic_t::get()
+vtable for usemeter_1_5_7::statistic_t
+typeinfo for usemeter_1_5_7::statistic_t
+typeinfo for usemeter_1_5_7::statistic_impl_ga_t
+vtable for usemeter_1_5_7::orb_accessor_impl_t
+typeinfo for usemeter_1_5_7::orb_accessor_t
+vtable for prodenv::IProductLocations
+REQUIRED
+
+status=0
+if [ -n "$unexpected" ]; then
+    printf 'libusemeter.so exports names outside its interface:\n%s\n' "$unexpected"
+    status=1
+fi
+if [ -n "$missing" ]; then
+    printf 'libusemeter.so does not export:\n%s' "$missing"
+    status=1
+fi
+exit $status
