@@ -15,5 +15,7 @@ install(FILES ${PROJECT_BINARY_DIR}/usemeterConfig.cmake
               ${PROJECT_BINARY_DIR}/usemeterConfigVersion.cmake
         DESTINATION ${config_dir})
 
+# The .pc file finds its prefix from its own location, so `cmake --install --prefix` works.
+file(RELATIVE_PATH USEMETER_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/usemeter.pc.in ${PROJECT_BINARY_DIR}/usemeter.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/usemeter.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
