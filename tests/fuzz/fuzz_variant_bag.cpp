@@ -1,0 +1,92 @@
+// The variant-bag loader over arbitrary XML. A document that loads must survive a save and
+// a reload unchanged: state files are rewritten from what was read, so any drift would
+// change a user's identifier or history on the next save.
+#include <cmath>
+#include <cstdint>
+#include <string>
+
+#include "basekit/variant_bag.hpp"
+#include "fuzz_scratch.hpp"
+
+using basekit::variant_bag_t;
+using basekit::variant_t;
+
+namespace {
+
+bool same_value(const variant_t& a, const variant_t& b)
+{
+    if (a.kind() != b.kind())
+        return false;
+    switch (a.kind()) {
+    case variant_t::vt_empty:
+        return true;
+    case variant_t::vt_string:
+    case variant_t::vt_blob:
+        return a.bytes() == b.bytes();
+    case variant_t::vt_double: {
+        const double x = a.get<double>(), y = b.get<double>();
+        return x == y || (std::isnan(x) && std::isnan(y));
+    }
+    case variant_t::vt_uint64:
+        return a.get<std::uint64_t>() == b.get<std::uint64_t>();
+    default:
+        return a.get<std::int64_t>() == b.get<std::int64_t>() && a.get<bool>() == b.get<bool>();
+    }
+}
+
+bool same_bag(const variant_bag_t& a, const variant_bag_t& b)
+{
+    if (a.entries().size() != b.entries().size())
+        return false;
+    for (std::size_t i = 0; i < a.entries().size(); ++i) {
+        const variant_bag_t::entry_t& x = a.entries()[i];
+        const variant_bag_t::entry_t& y = b.entries()[i];
+        if (x.name != y.name || bool(x.bag) != bool(y.bag))
+            return false;
+        if (x.bag ? !same_bag(*x.bag, *y.bag) : !same_value(x.value, y.value))
+            return false;
+    }
+    return true;
+}
+
+// Every accessor on every value, as the library's readers use them.
+void read_everything(const variant_bag_t& bag)
+{
+    for (const variant_bag_t::entry_t& entry : bag.entries()) {
+        if (entry.bag) {
+            for (auto it = bag.begin_by_name(entry.name); !it.at_end(); it.next())
+                (void)it.get_value().entries().size();
+            read_everything(*entry.bag);
+            continue;
+        }
+        const variant_t value = bag.get_variant(entry.name, variant_t());
+        if (value.can_get<const char*>())
+            (void)std::string(value.get<const char*>());
+        if (value.can_get<std::int32_t>())
+            (void)(value.get<std::int32_t>() + value.get<std::int64_t>() + value.get<std::uint64_t>() +
+                   value.get<double>());
+        (void)value.get<bool>();
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    static const fuzz::scratch_t scratch;
+    static const basekit::path_t path(scratch.path("bag.xml"));
+
+    const std::string xml(reinterpret_cast<const char*>(data), size);
+    variant_bag_t bag;
+    if (basekit::parse_variant_bag(bag, xml, "bag") != 1) {
+        FUZZ_CHECK(bag.entries().empty(), "a refused document left entries behind");
+        return 0;
+    }
+    read_everything(bag);
+
+    FUZZ_CHECK(basekit::save_variant_bag2(bag, path, "bag") == 1, "saving a loaded bag failed");
+    variant_bag_t reloaded;
+    FUZZ_CHECK(basekit::load_variant_bag2(reloaded, path, "bag", false) == 1, "a saved bag does not load");
+    FUZZ_CHECK(same_bag(bag, reloaded), "a bag changed across save and reload");
+    return 0;
+}
