@@ -278,6 +278,12 @@ int run_collector(int argc, char** argv)
 
     collector_t collector(answer);
     httplib::Server server;
+    // httplib's default also sets SO_REUSEPORT, which would let a second collector share
+    // the port silently instead of reporting it occupied.
+    server.set_socket_options([](socket_t sock) {
+        int yes = 1;
+        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     server.set_payload_max_length(refused_body_size);
     server.set_read_timeout(5, 0);
     server.set_keep_alive_timeout(5);

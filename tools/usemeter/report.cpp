@@ -118,7 +118,10 @@ int run_consent(int argc, char** argv)
                                   ? first_token(statistic.consent_path()) == (given ? "1" : "0")
                                   : statistic.get_user_consent() == (given ? 1 : 2);
         if (!recorded)
-            throw command_error("could not record the answer in " + statistic.consent_path());
+            throw command_error(statistic.consent_path().empty()
+                                    ? "could not record the answer: the library could not "
+                                      "prepare the per-user directory (see usemeter status)"
+                                    : "could not record the answer in " + statistic.consent_path());
         std::cout << "recorded: consent " << (given ? "given" : "refused") << " in "
                   << statistic.consent_path() << "\n";
         std::cout << "collection is now " << (statistic.is_collection_enabled() ? "enabled" : "disabled");
