@@ -113,12 +113,18 @@ void active_user_detector_t::notify_activity()
 
 void active_user_detector_t::get_current_date(date_t* out)
 {
+    // Every report asks for today; localtime_r takes a process-wide lock, so each thread
+    // converts a given second once.
+    thread_local std::time_t converted_second = -1;
+    thread_local date_t converted_date{};
     const std::time_t now = std::time(nullptr);
-    std::tm local;
-    ::localtime_r(&now, &local);
-    out->year = local.tm_year + 1900;
-    out->month = local.tm_mon + 1;
-    out->day = local.tm_mday;
+    if (now != converted_second) {
+        std::tm local;
+        ::localtime_r(&now, &local);
+        converted_date = date_t{local.tm_year + 1900, local.tm_mon + 1, local.tm_mday};
+        converted_second = now;
+    }
+    *out = converted_date;
 }
 
 bool active_user_detector_t::is_active_user()

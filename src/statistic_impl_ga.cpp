@@ -67,7 +67,7 @@ void statistic_impl_ga_t::notify_feature_usage_ex(const std::string& name, unsig
 {
     TRACELOG_SCOPE(logger, "virtual void usemeter_1_5_7::statistic_impl_ga_t::notify_feature_usage_ex("
                            "const std::string&, unsigned long long)");
-    LOG4CPLUS_INFO(logger, "feature_name=" << name << " value=" << value);
+    TRACELOG_INFO(logger, "feature_name=" << name << " value=" << value);
 
     // Days of use count whether or not anything may be sent.
     active_user_detector.notify_activity();

@@ -19,6 +19,11 @@ void configureComponentLogger(const std::string& name);
 // Configures and returns the named component logger.
 log4cplus::Logger component_logger(const std::string& name);
 
+// True when a record at `level` on `logger` would reach an appender other than the library's
+// do-nothing one. Checked afresh on every call, so appenders a host adds at any time see
+// every later record; records nobody would see are then not even formatted.
+bool is_observed(const log4cplus::Logger& logger, log4cplus::LogLevel level);
+
 }  // namespace log
 
 // Logs "ENTER: <signature>" at TRACE when built and "EXIT:  <signature>" when destroyed.
@@ -50,6 +55,13 @@ private:
     ::tracelog::trace_scope_t TRACELOG_CONCAT(tracelog_scope_, __LINE__)(logger, signature, __FILE__, __LINE__)
 
 // Logs at ERROR with the location tail ", at file: <source path>:<line>".
+// LOG4CPLUS_INFO that skips formatting when no appender of the host would receive the record.
+#define TRACELOG_INFO(logger, message)                                                  \
+    do {                                                                                \
+        if (::tracelog::log::is_observed(logger, log4cplus::INFO_LOG_LEVEL))            \
+            LOG4CPLUS_INFO(logger, message);                                            \
+    } while (0)
+
 #define TRACELOG_ERROR(logger, message) \
     LOG4CPLUS_ERROR(logger, message << ", at file: " << __FILE__ << ":" << __LINE__)
 
