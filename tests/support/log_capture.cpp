@@ -36,7 +36,8 @@ private:
 };
 
 log_capture_t::log_capture_t(const std::string& logger_name)
-    : logger_(log4cplus::Logger::getInstance(logger_name)),
+    : logger_(logger_name == "root" ? log4cplus::Logger::getRoot()
+                                    : log4cplus::Logger::getInstance(logger_name)),
       old_level_(logger_.getLogLevel()),
       appender_(new appender_t())
 {

@@ -18,7 +18,8 @@ struct log_record_t {
     int line;
 };
 
-// While alive, sets the logger to TRACE and records every event it sees.
+// While alive, sets the logger ("root" for the root logger) to TRACE and records every
+// event it sees.
 class log_capture_t {
 public:
     explicit log_capture_t(const std::string& logger_name);
