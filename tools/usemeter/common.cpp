@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <iostream>
 #include <mutex>
-#include <regex>
 #include <sstream>
 
 #include <sys/stat.h>
@@ -59,16 +58,10 @@ public:
           data_dir_(options.data_dir),
           temp_dir_(options.temp_dir.empty() ? default_temp_dir() : options.temp_dir)
     {
-        if (!options.product_version.empty()) {
-            static const std::regex triple(R"((\d{1,9})\.(\d{1,9})\.(\d{1,9}))");
-            std::smatch parts;
-            if (!std::regex_match(options.product_version, parts, triple))
-                throw usage_error("--product-version must be three numbers like 2024.1.0, not '" +
-                                  options.product_version + "'");
-            major_ = std::stoi(parts[1]);
-            minor_ = std::stoi(parts[2]);
-            update_ = std::stoi(parts[3]);
-        }
+        if (!options.product_version.empty() &&
+            !parse_triple(options.product_version, major_, minor_, update_))
+            throw usage_error("--product-version must be three numbers like 2024.1.0, not '" +
+                              options.product_version + "'");
     }
 
     void getProductVersion(int& major, int& minor, int& update) const override
@@ -86,6 +79,23 @@ public:
     bool isToolLookupQuiet() const override { return false; }
 
 private:
+    static bool parse_triple(const std::string& text, int& major, int& minor, int& update)
+    {
+        int* const parts[] = {&major, &minor, &update};
+        std::size_t at = 0;
+        for (int i = 0; i < 3; ++i) {
+            if (i > 0 && (at >= text.size() || text[at++] != '.'))
+                return false;
+            const std::size_t end = text.find_first_not_of("0123456789", at);
+            const std::size_t digits = (end == std::string::npos ? text.size() : end) - at;
+            if (digits == 0 || digits > 9)
+                return false;
+            *parts[i] = std::stoi(text.substr(at, digits));
+            at += digits;
+        }
+        return at == text.size();
+    }
+
     static std::string default_temp_dir()
     {
         const std::string tmp = env_value("TMPDIR");
