@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <sys/stat.h>
 
 #include "active_user_detector_detail.hpp"
 #include "basekit/variant_bag.hpp"
@@ -8,30 +9,27 @@
 #include "usemeter/active_user_detector.hpp"
 
 using usemeter_1_5_7::active_user_detector_t;
-using usemeter_test::file_exists;
-using usemeter_test::temp_dir_t;
-using usemeter_test::write_file;
+using namespace usemeter_test;
 
 namespace {
 
 typedef active_user_detector_t::date_t date_t;
 
-date_t today_plus(int days)
+// Today shifted by some days, a year back when asked, in the user's local calendar.
+date_t day(int days_from_today, int years_back = 0)
 {
-    std::time_t when = std::time(nullptr) + days * 86400;
+    const std::time_t when = std::time(nullptr) + days_from_today * 86400;
     std::tm local;
     ::localtime_r(&when, &local);
-    return date_t{local.tm_year + 1900, local.tm_mon + 1, local.tm_mday};
+    return date_t{local.tm_year + 1900 - years_back, local.tm_mon + 1, local.tm_mday};
 }
 
-date_t year_ago_plus(int days)
+std::string history_file(const temp_dir_t& dir)
 {
-    date_t day = today_plus(days);
-    day.year -= 1;
-    return day;
+    return dir / "last_active_dates.xml";
 }
 
-void write_history(const std::string& dir, const std::vector<date_t>& dates)
+void write_history(const temp_dir_t& dir, const std::vector<date_t>& dates)
 {
     basekit::variant_bag_t bag;
     for (const date_t& d : dates) {
@@ -40,79 +38,72 @@ void write_history(const std::string& dir, const std::vector<date_t>& dates)
         item.put("M", basekit::variant_t(d.month));
         item.put("D", basekit::variant_t(d.day));
     }
-    ASSERT_EQ(basekit::save_variant_bag2(bag, dir + "/last_active_dates.xml", "bag"), 1);
+    ASSERT_EQ(basekit::save_variant_bag2(bag, history_file(dir), "bag"), 1);
 }
 
-std::vector<date_t> read_history(const std::string& dir)
+// The saved days as "Y-M-D" texts; empty when the file does not load.
+std::vector<std::string> saved_days(const temp_dir_t& dir)
 {
     basekit::variant_bag_t bag;
-    std::vector<date_t> dates;
-    if (basekit::load_variant_bag2(bag, dir + "/last_active_dates.xml", "bag", false) != 1)
-        return dates;
+    std::vector<std::string> days;
+    basekit::load_variant_bag2(bag, history_file(dir), "bag", false);
     for (auto it = bag.begin_by_name("item"); !it.at_end(); it.next()) {
-        date_t d{};
-        usemeter_1_5_7::getVariantInt(it.get_value(), "Y", &d.year);
-        usemeter_1_5_7::getVariantInt(it.get_value(), "M", &d.month);
-        usemeter_1_5_7::getVariantInt(it.get_value(), "D", &d.day);
-        dates.push_back(d);
+        int y = 0, m = 0, d = 0;
+        usemeter_1_5_7::getVariantInt(it.get_value(), "Y", &y);
+        usemeter_1_5_7::getVariantInt(it.get_value(), "M", &m);
+        usemeter_1_5_7::getVariantInt(it.get_value(), "D", &d);
+        days.push_back(std::to_string(y) + "-" + std::to_string(m) + "-" + std::to_string(d));
     }
-    return dates;
+    return days;
 }
 
-bool operator==(const date_t& a, const date_t& b)
+ino_t inode(const std::string& path)
 {
-    return a.year == b.year && a.month == b.month && a.day == b.day;
+    struct stat info {};
+    ::stat(path.c_str(), &info);
+    return info.st_ino;
 }
 
-TEST(active_user_detector, first_run_records_today_once_and_saves_it)
+std::string text(const date_t& d)
+{
+    return std::to_string(d.year) + "-" + std::to_string(d.month) + "-" + std::to_string(d.day);
+}
+
+TEST(active_user_detector, records_each_day_once_and_writes_only_what_changed)
 {
     temp_dir_t dir;
+    { active_user_detector_t untouched(dir.path()); }
+    EXPECT_FALSE(file_exists(history_file(dir)));
     {
         active_user_detector_t detector(dir.path());
-        EXPECT_FALSE(detector.is_active_user());
         detector.notify_activity();
         detector.notify_activity();
     }
-    const std::vector<date_t> saved = read_history(dir.path());
-    ASSERT_EQ(saved.size(), 1u);
-    EXPECT_TRUE(saved[0] == today_plus(0));
+    EXPECT_EQ(saved_days(dir), std::vector<std::string>{text(day(0))});
     EXPECT_FALSE(file_exists(dir / "last_active_dates.lock"));
+
+    // Today already last: nothing changed, nothing is written.
+    const ino_t before = inode(history_file(dir));
+    { active_user_detector_t detector(dir.path()); detector.notify_activity(); }
+    EXPECT_EQ(inode(history_file(dir)), before);  // saving would have renamed a new file in
 }
-
-TEST(active_user_detector, an_unchanged_history_is_never_written)
-{
-    temp_dir_t dir;
-    { active_user_detector_t detector(dir.path()); }
-    EXPECT_FALSE(file_exists(dir / "last_active_dates.xml"));
-
-    write_history(dir.path(), {today_plus(-3), today_plus(0)});
-    const std::string before = usemeter_test::read_file(dir / "last_active_dates.xml");
-    {
-        active_user_detector_t detector(dir.path());
-        detector.notify_activity();  // today is already last
-    }
-    EXPECT_EQ(usemeter_test::read_file(dir / "last_active_dates.xml"), before);
-}
-
-struct verdict_case {
-    const char* name;
-    std::vector<date_t> history;
-    bool active;
-};
 
 TEST(active_user_detector, verdict_needs_four_days_the_oldest_strictly_within_a_year)
 {
-    const verdict_case cases[] = {
-        {"three recent days", {today_plus(-3), today_plus(-2), today_plus(-1)}, false},
-        {"four recent days", {today_plus(-4), today_plus(-3), today_plus(-2), today_plus(-1)}, true},
-        {"oldest exactly a year ago", {year_ago_plus(0), today_plus(-3), today_plus(-2), today_plus(-1)}, false},
-        {"oldest a year ago plus a day", {year_ago_plus(1), today_plus(-3), today_plus(-2), today_plus(-1)}, true},
-        {"six items, the first decides",
-         {year_ago_plus(-5), today_plus(-5), today_plus(-4), today_plus(-3), today_plus(-2), today_plus(-1)}, false},
+    const struct {
+        const char* name;
+        std::vector<date_t> history;
+        bool active;
+    } cases[] = {
+        {"three recent days", {day(-3), day(-2), day(-1)}, false},
+        {"four recent days", {day(-4), day(-3), day(-2), day(-1)}, true},
+        {"oldest exactly a year ago", {day(0, 1), day(-3), day(-2), day(-1)}, false},
+        {"oldest a year ago plus a day", {day(1, 1), day(-3), day(-2), day(-1)}, true},
+        {"six items, the first decides", {day(-5, 1), day(-5), day(-4), day(-3), day(-2), day(-1)}, false},
     };
-    for (const verdict_case& c : cases) {
+    for (const auto& c : cases) {
         temp_dir_t dir;
-        write_history(dir.path(), c.history);
+        write_history(dir, c.history);
         active_user_detector_t detector(dir.path());
         EXPECT_EQ(detector.is_active_user(), c.active) << c.name;
     }
@@ -121,60 +112,47 @@ TEST(active_user_detector, verdict_needs_four_days_the_oldest_strictly_within_a_
 TEST(active_user_detector, a_new_day_trims_the_history_to_the_last_four)
 {
     temp_dir_t dir;
-    write_history(dir.path(), {year_ago_plus(-5), today_plus(-5), today_plus(-4), today_plus(-3),
-                               today_plus(-2), today_plus(-1)});
+    write_history(dir, {day(-5, 1), day(-5), day(-4), day(-3), day(-2), day(-1)});
     {
         active_user_detector_t detector(dir.path());
         detector.notify_activity();
         EXPECT_TRUE(detector.is_active_user());
     }
-    const std::vector<date_t> saved = read_history(dir.path());
-    ASSERT_EQ(saved.size(), 4u);
-    EXPECT_TRUE(saved.front() == today_plus(-3));
-    EXPECT_TRUE(saved.back() == today_plus(0));
+    EXPECT_EQ(saved_days(dir), (std::vector<std::string>{text(day(-3)), text(day(-2)), text(day(-1)), text(day(0))}));
 }
 
-TEST(active_user_detector, bad_items_and_bad_files_give_an_empty_history)
+TEST(active_user_detector, bad_items_are_dropped_and_bad_files_start_afresh)
 {
     temp_dir_t dir;
-    write_file(dir / "last_active_dates.xml",
-               "<bag><item type=\"bag\"><Y type=\"int\">2026</Y><M type=\"string\">1</M><D type=\"int\">1</D></item>"
-               "<item type=\"bag\"><Y type=\"int\">2026</Y><D type=\"int\">1</D></item></bag>");
-    {
-        active_user_detector_t detector(dir.path());
-        detector.notify_activity();
+    const std::string files[] = {
+        "<bag><item type=\"bag\"><Y type=\"int\">2026</Y><M type=\"string\">1</M><D type=\"int\">1</D></item>"
+        "<item type=\"bag\"><Y type=\"int\">2026</Y><D type=\"int\">1</D></item></bag>",
+        "<bag><item",
+        std::string("\0\1\2", 3),
+    };
+    for (const std::string& content : files) {
+        write_file(history_file(dir), content);
+        { active_user_detector_t detector(dir.path()); detector.notify_activity(); }
+        EXPECT_EQ(saved_days(dir).size(), 1u);
     }
-    EXPECT_EQ(read_history(dir.path()).size(), 1u);
-
-    write_file(dir / "last_active_dates.xml", "<bag><item");
-    { active_user_detector_t detector(dir.path()); detector.notify_activity(); }
-    EXPECT_EQ(read_history(dir.path()).size(), 1u);
 }
 
-TEST(active_user_detector, a_stale_lock_costs_the_history_but_never_hangs)
+TEST(active_user_detector, a_stale_lock_or_missing_directory_costs_the_days_but_never_hangs)
 {
     temp_dir_t dir;
-    write_history(dir.path(), {today_plus(-4), today_plus(-3), today_plus(-2), today_plus(-1)});
+    write_history(dir, {day(-4), day(-3), day(-2), day(-1)});
     write_file(dir / "last_active_dates.lock", "");
-    const std::string before = usemeter_test::read_file(dir / "last_active_dates.xml");
+    const std::string before = read_file(history_file(dir));
     {
         active_user_detector_t detector(dir.path());
         EXPECT_FALSE(detector.is_active_user());  // not loaded
         detector.notify_activity();
-        EXPECT_TRUE(detector.save());  // failure, reported inverted
+        EXPECT_TRUE(detector.save());  // true means failure
     }
-    EXPECT_EQ(usemeter_test::read_file(dir / "last_active_dates.xml"), before);
-    EXPECT_TRUE(file_exists(dir / "last_active_dates.lock"));
-}
+    EXPECT_EQ(read_file(history_file(dir)), before);
 
-TEST(active_user_detector, save_reports_failure_inverted)
-{
-    temp_dir_t dir;
-    active_user_detector_t detector(dir.path());
-    EXPECT_FALSE(detector.save());  // nothing to write is not a failure
-    detector.notify_activity();
-    EXPECT_FALSE(detector.save());
     active_user_detector_t elsewhere(dir / "missing");
+    EXPECT_FALSE(elsewhere.save());  // nothing to write is no failure
     elsewhere.notify_activity();
     EXPECT_TRUE(elsewhere.save());
 }
