@@ -25,18 +25,21 @@ ASAN_ENV  = ASAN_OPTIONS=halt_on_error=1:abort_on_error=1:detect_leaks=1:strict_
             LSAN_OPTIONS=report_objects=1$(call supp,lsan)
 TSAN_ENV  = TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1$(call supp,tsan)
 CTEST     = ctest --output-on-failure -j $(JOBS)
+# An outside host built without a sanitizer cannot load a sanitized library (the runtime
+# must come first); packaging is proven by the plain and i386 runs instead.
+SANITIZED_CTEST = $(CTEST) --timeout 300 -E '^install\.consumer$$'
 generate  = cmake -S . -B $(1) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
             -DCMAKE_CXX_COMPILER_LAUNCHER=$(shell command -v ccache) $(2) $(CMAKE_ARGS) >/dev/null
 
 test-asan: deps
 	@$(call generate,build-asan,-DUSEMETER_SANITIZE=address)
 	@cmake --build build-asan -j $(JOBS)
-	@cd build-asan && $(ASAN_ENV) $(CTEST) --timeout 300
+	@cd build-asan && $(ASAN_ENV) $(SANITIZED_CTEST)
 
 test-tsan: deps
 	@$(call generate,build-tsan,-DUSEMETER_SANITIZE=thread)
 	@cmake --build build-tsan -j $(JOBS)
-	@cd build-tsan && $(TSAN_ENV) $(CTEST) --timeout 300
+	@cd build-tsan && $(TSAN_ENV) $(SANITIZED_CTEST)
 
 test-i386: deps
 	@scripts/install-deps-i386
