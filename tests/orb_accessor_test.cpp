@@ -1,23 +1,18 @@
-#include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <csignal>
 #include <functional>
+#include <iterator>
 #include <optional>
-#include <thread>
 
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
 
 #include "support/fake_tool.hpp"
+#include "support/locations_double.hpp"
 #include "support/log_capture.hpp"
 #include "support/temp_home.hpp"
 #include "usemeter/orb_accessor.hpp"
-#include "usemeter/product_locations.hpp"
 
 namespace {
 
@@ -27,45 +22,18 @@ using usemeter_1_5_7::orb_accessor_t;
 using tool_t = orb_accessor_impl_t::orb_tool_t;
 using strings = std::vector<std::string>;
 
+const tool_t monitor = orb_accessor_impl_t::tool_remote_monitor;
+const tool_t main_tool = orb_accessor_impl_t::tool_main;
+const tool_t consent = orb_accessor_impl_t::tool_consent_check;
+// Where the bridge looks below $HOME, indexed by tool.
+const char* const home_paths[] = {"norvel/orb/bin/ia32/norvelremotemon", "norvel/orb/orb",
+                                  "norvel/orb/bin/ia32/checkOPTINconsent"};
 const char* const logger_name = "usemeter.orb_accessor";
-const char* const source_file = "src/orb_accessor.cpp";
-const std::string invoke_signature =
-    "int usemeter_1_5_7::orb_accessor_impl_t::invoke_orb(usemeter_1_5_7::orb_accessor_impl_t::"
-    "orb_tool_t, const std::vector<std::basic_string<char>>&, bool) const";
-const std::string allowed_signature =
-    "bool usemeter_1_5_7::orb_accessor_impl_t::is_orb_call_allowed() const";
+const std::string default_guid = "{00000000-0000-0000-0000-000000000000}";
 
-// Installs itself as the product-locations service for its lifetime.
-class fake_locations_t : public prodenv::IProductLocations {
-public:
-    explicit fake_locations_t(const std::string& temp_dir, bool quiet = false)
-        : temp_dir_(temp_dir), quiet_(quiet)
-    {
-        set(this);
-    }
-    ~fake_locations_t() override { set(nullptr); }
-
-    void getProductVersion(int& major, int& minor, int& update) const override
-    {
-        major = 1, minor = 5, update = 7;
-    }
-    const char* getProductDirName() const override { return "trovix"; }
-    const char* getDataDir() const override { return ""; }
-    basekit::path_t getTempDir() const override { return temp_dir_; }
-    bool isToolLookupQuiet() const override { return quiet_; }
-
-private:
-    std::string temp_dir_;
-    bool quiet_;
-};
-
-strings list_dir(const std::string& dir)
+std::ptrdiff_t count_files(const std::string& dir)
 {
-    strings names;
-    for (const auto& entry : boost::filesystem::directory_iterator(dir))
-        names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
+    return std::distance(boost::filesystem::directory_iterator(dir), {});
 }
 
 std::string exchange_name(int n, const char* ext = ".txt")
@@ -73,414 +41,212 @@ std::string exchange_name(int n, const char* ext = ".txt")
     return "uuid-" + std::to_string(::getpid()) + "-" + std::to_string(n) + ext;
 }
 
-// A system-wide installation would win over the override directory and hide "missing".
-bool system_install_present()
+std::string writing_uuid(const std::string& content)
 {
-    return file_exists("/opt/norvel");
+    return on_argument("-u", "printf %s " + shell_quote(content) + " > \"$2\"");
 }
 
-void expect_error_record(const log_capture_t& log, const std::string& text)
+void expect_error(const log_capture_t& log, const std::string& text)
 {
-    const auto records = log.records();
-    const auto error = std::find_if(records.begin(), records.end(),
-                                    [](const log_record_t& r) { return r.level == 40000; });
-    ASSERT_NE(error, records.end()) << "no ERROR record for " << text;
-    EXPECT_EQ(error->file, source_file);
-    EXPECT_EQ(error->message,
-              text + ", at file: " + source_file + ":" + std::to_string(error->line));
+    for (const log_record_t& record : log.records())
+        if (record.level == 40000) {
+            EXPECT_EQ(record.message,
+                      text + ", at file: src/orb_accessor.cpp:" + std::to_string(record.line));
+            return;
+        }
+    ADD_FAILURE() << "no ERROR record for " << text;
 }
 
-fake_tool_behaviour_t exiting_with(int status, bool consume = true)
-{
-    fake_tool_behaviour_t behaviour;
-    behaviour.exit_status = status;
-    behaviour.consume_m_file = consume;
-    return behaviour;
-}
-
-fake_tool_behaviour_t writing_uuid(const std::string& content)
-{
-    fake_tool_behaviour_t behaviour;
-    behaviour.write_u_file = true;
-    behaviour.u_content = content;
-    return behaviour;
-}
+// A system-wide installation would be found before the override directory and hide "missing".
+#define SKIP_WITH_SYSTEM_INSTALL() \
+    if (file_exists("/opt/norvel"))  \
+    GTEST_SKIP() << "/opt/norvel exists"
 
 class bridge_test : public ::testing::Test {
 protected:
+    bridge_test() { locations_.temp_dir = tmp_.path(); }
     void TearDown() override
     {
-        EXPECT_FALSE(has_children()) << "a tool outlived its test";
+        EXPECT_FALSE(has_children()) << "a tool outlived its call";
         reap_children();
     }
-
-    std::string tool_path(tool_t tool) const { return home_tool_path(home_.path(), tool); }
+    fake_tool_t add_tool(tool_t tool, const std::string& body = "", mode_t mode = 0755) const
+    {
+        return fake_tool_t(home_ / home_paths[tool], body, mode);
+    }
 
     clean_env_t env_;
     temp_home_t home_;
+    temp_dir_t tmp_;
+    locations_double_t locations_;
     orb_accessor_impl_t bridge_;
 };
 
-TEST_F(bridge_test, each_operation_passes_its_exact_argument_vector)
+TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
 {
-    temp_dir_t tmp;
-    fake_locations_t locations(tmp.path());
-    const std::string sent = home_ / "sent.dat";
-    const std::string pid = std::to_string(::getpid());
-    struct row_t {
-        const char* name;
-        tool_t tool;
-        std::function<void()> call;
-        strings expected;
-    };
+    const std::string sent = home_ / "sent.dat", missing = "no tool";
+    const std::string consume = on_argument("-m", "rm -f -- \"$2\"");
+    // Set but empty reads as unset.
+    scoped_env_t orb_on("USEMETER_DISABLE_ORB", ""), updates_on("NORVEL_DISABLE_UPDATES_CHECK", "");
+    const auto send = [=](bool f) { return [=] { return bridge_.send_file(sent, f); }; };
+    const auto crash = [=](bool f) { return [=] { return bridge_.send_crash_report(sent, f); }; };
+    const auto usage = [&] { return bridge_.send_usage_package(); };
+    const auto feedback = [&] { return bridge_.is_feedback_enabled(); };
+    // The asynchronous ones answer whether their child is still ours to reap: nobody waited.
+    const auto gui_start = [&] { bridge_.notify_gui_start(); return has_children(); };
+    const auto updates = [&] { bridge_.check_for_updates(default_guid); return has_children(); };
+    const auto uuid = [&] { return bridge_.get_uuid().empty(); };
+    struct row_t { tool_t tool; std::string sh; std::function<bool()> op; bool ok; strings args; };
     const row_t rows[] = {
-        {"send_file", orb_accessor_impl_t::tool_remote_monitor,
-         [&] { bridge_.send_file(sent, false); }, {"-t", "i", "-e", "statistic", "-m", sent}},
-        {"send_file -f", orb_accessor_impl_t::tool_remote_monitor,
-         [&] { bridge_.send_file(sent, true); }, {"-t", "i", "-e", "statistic", "-f", "-m", sent}},
-        {"send_usage_package", orb_accessor_impl_t::tool_remote_monitor,
-         [&] { bridge_.send_usage_package(); }, {"-t", "i", "-b"}},
-        {"send_crash_report", orb_accessor_impl_t::tool_remote_monitor,
-         [&] { bridge_.send_crash_report(sent, false); }, {"-t", "i", "-e", "crash", "-m", sent}},
-        {"send_crash_report -f", orb_accessor_impl_t::tool_remote_monitor,
-         [&] { bridge_.send_crash_report(sent, true); },
-         {"-t", "i", "-e", "crash", "-f", "-m", sent}},
-        {"is_feedback_enabled", orb_accessor_impl_t::tool_consent_check,
-         [&] { bridge_.is_feedback_enabled(); }, {"-g"}},
-        {"notify_gui_start", orb_accessor_impl_t::tool_consent_check,
-         [&] { bridge_.notify_gui_start(); }, {"-w", "-s", pid}},
-        {"check_for_updates", orb_accessor_impl_t::tool_main,
-         [&] { bridge_.check_for_updates(orb_accessor_t::DefaultProductGUID); },
-         {"--product_guid", "{00000000-0000-0000-0000-000000000000}", "--action", "check"}},
-        {"get_uuid", orb_accessor_impl_t::tool_remote_monitor, [&] { bridge_.get_uuid(); },
-         {"-u", tmp / exchange_name(1)}},
+        // A file counts as sent when the tool consumed it, whatever the exit status.
+        {monitor, consume, send(false), true, {"-t", "i", "-e", "statistic", "-m", sent}},
+        {monitor, "", send(true), false, {"-t", "i", "-e", "statistic", "-f", "-m", sent}},
+        {monitor, missing, send(false), false, {}},
+        {monitor, consume + "exit 3", crash(false), true, {"-t", "i", "-e", "crash", "-m", sent}},
+        {monitor, "", crash(true), false, {"-t", "i", "-e", "crash", "-f", "-m", sent}},
+        {monitor, "exit 5", usage, true, {"-t", "i", "-b"}},
+        {monitor, missing, usage, false, {}},
+        {consent, "", feedback, true, {"-g"}},
+        {consent, "exit 1", feedback, false, {"-g"}},
+        {consent, missing, feedback, false, {}},
+        {consent, "", gui_start, true, {"-w", "-s", std::to_string(::getpid())}},
+        {main_tool, "", updates, true, {"--product_guid", default_guid, "--action", "check"}},
+        {monitor, "", uuid, true, {"-u", tmp_ / exchange_name(1)}},
     };
     for (const row_t& row : rows) {
-        write_file(sent, "payload");
-        const fake_tool_t tool(tool_path(row.tool), fake_tool_behaviour_t());
-        row.call();
-        reap_children();  // the asynchronous ones
-        EXPECT_EQ(tool.recorded_args(), row.expected) << row.name;
-        tool.forget_run();
+        // A missing tool must fail the send even though no file is left to say otherwise.
+        ::unlink(sent.c_str());
+        std::optional<fake_tool_t> tool;
+        if (row.sh != missing) {
+            write_file(sent, "payload");
+            tool.emplace(home_ / home_paths[row.tool], row.sh);
+        } else if (file_exists("/opt/norvel")) {
+            continue;  // a system-wide installation would be found
+        }
+        EXPECT_EQ(row.op(), row.ok) << "row " << &row - rows;
+        reap_children();
+        EXPECT_EQ(tool ? tool->args() : strings{}, row.args) << "row " << &row - rows;
     }
 }
 
-TEST_F(bridge_test, synchronous_results_follow_the_exit_status)
+TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
 {
-    if (system_install_present())
-        GTEST_SKIP() << "/opt/norvel exists";
-    struct row_t {
-        const char* name;
-        bool present;
-        mode_t mode;
-        fake_tool_behaviour_t behaviour;
-        int expected;
+    SKIP_WITH_SYSTEM_INSTALL();
+    // A caught signal without SA_RESTART breaks the caller's wait with EINTR; the last row's
+    // tool keeps sending one for half a second.
+    struct sigaction action {}, old_action {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &old_action), 0);
+    const struct { const char* body; mode_t mode; bool sync; int expected; } rows[] = {
+        {"exit 0", 0755, true, 0},         {"exit 7", 0755, true, 7},
+        {nullptr, 0755, true, -1},         {"exit 7", 0644, true, 255},  // exec fails
+        {"kill -KILL $$", 0755, true, -1}, {"exit 7", 0755, false, 0},
+        {"for i in 1 2 3 4 5 6 7 8; do kill -USR1 $PPID; sleep .06; done; exit 6", 0755, true, 6},
     };
-    fake_tool_behaviour_t killed;
-    killed.kill_signal = SIGKILL;
-    const row_t rows[] = {
-        {"exit 0", true, 0755, exiting_with(0), 0},
-        {"exit 7", true, 0755, exiting_with(7), 7},
-        {"missing", false, 0755, exiting_with(0), -1},
-        {"not executable", true, 0644, exiting_with(0), 255},
-        {"killed by a signal", true, 0755, killed, -1},
-    };
-    const std::string path = tool_path(orb_accessor_impl_t::tool_remote_monitor);
-    for (const row_t& row : rows) {
-        if (row.present)
-            fake_tool_t(path, row.behaviour, row.mode);
-        else
-            ::unlink(path.c_str());
-        EXPECT_EQ(bridge_.invoke_orb(orb_accessor_impl_t::tool_remote_monitor, {"x"}, true),
-                  row.expected)
-            << row.name;
+    for (const auto& row : rows) {
+        std::optional<fake_tool_t> tool;
+        if (row.body)
+            tool.emplace(home_ / home_paths[monitor], row.body, row.mode);
+        EXPECT_EQ(bridge_.invoke_orb(monitor, {}, row.sync), row.expected)
+            << (row.body ? row.body : "missing") << ", mode " << row.mode << ", sync " << row.sync;
+        EXPECT_EQ(reap_children().size(), row.sync || !row.body ? 0u : 1u);
     }
-    EXPECT_TRUE(bridge_.get_orb_location(static_cast<tool_t>(3)).empty());
     EXPECT_EQ(bridge_.invoke_orb(static_cast<tool_t>(3), {}, true), -1);
+    ::sigaction(SIGUSR1, &old_action, nullptr);
 }
 
 TEST_F(bridge_test, a_run_is_logged_with_its_unquoted_command_line)
 {
-    const fake_tool_t tool(tool_path(orb_accessor_impl_t::tool_remote_monitor), exiting_with(7));
+    const fake_tool_t tool = add_tool(monitor, "exit 7");
     log_capture_t log(logger_name);
-    EXPECT_EQ(bridge_.invoke_orb(orb_accessor_impl_t::tool_remote_monitor, {"a b", "c"}, true), 7);
-    EXPECT_EQ(tool.recorded_args(), (strings{"a b", "c"}));
-    EXPECT_EQ(log.messages(true), (strings{
-                                      "ENTER: " + invoke_signature,
-                                      "tool=0",
-                                      "sync=1",
-                                      "ENTER: " + allowed_signature,
-                                      "Return 'true'",
-                                      "EXIT:  " + allowed_signature,
-                                      "orb location=" + tool.path(),
-                                      "orb command line='" + tool.path() + " a b c'",
-                                      "orb return code=7",
-                                      "EXIT:  " + invoke_signature,
-                                  }));
-}
-
-TEST_F(bridge_test, a_signal_during_a_synchronous_run_keeps_the_exit_status)
-{
-    // Without SA_RESTART a caught signal breaks the wait with EINTR.
-    struct sigaction action {}, old_action {};
-    action.sa_handler = [](int) {};
-    sigemptyset(&action.sa_mask);
-    ASSERT_EQ(::sigaction(SIGUSR1, &action, &old_action), 0);
-    const std::string go = home_ / "go";
-    fake_tool_behaviour_t behaviour = exiting_with(6);
-    behaviour.wait_for = go;
-    const fake_tool_t tool(tool_path(orb_accessor_impl_t::tool_remote_monitor), behaviour);
-    const pthread_t caller = ::pthread_self();
-    std::thread interrupter([&] {
-        for (int i = 0; i < 3000 && !tool.ran(); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        for (int i = 0; i < 20; ++i) {
-            ::pthread_kill(caller, SIGUSR1);
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        write_file(go, "");
-    });
-    EXPECT_EQ(bridge_.invoke_orb(orb_accessor_impl_t::tool_remote_monitor, {}, true), 6);
-    interrupter.join();
-    ::sigaction(SIGUSR1, &old_action, nullptr);
+    EXPECT_EQ(bridge_.invoke_orb(monitor, {"a b", "c"}, true), 7);
+    EXPECT_EQ(tool.args(), (strings{"a b", "c"}));
+    EXPECT_EQ(log.messages(),
+              (strings{"tool=0", "sync=1", "Return 'true'", "orb location=" + tool.path(),
+                       "orb command line='" + tool.path() + " a b c'", "orb return code=7"}));
 }
 
 TEST_F(bridge_test, a_missing_tool_is_reported_unless_the_lookup_is_quiet)
 {
-    if (system_install_present())
-        GTEST_SKIP() << "/opt/norvel exists";
-    temp_dir_t tmp;
-    struct row_t {
-        const char* name;
-        bool service;
-        bool quiet;
-        bool reported;
-    };
-    const row_t rows[] = {
-        {"no service", false, false, true},
-        {"loud service", true, false, true},
-        {"quiet service", true, true, false},
-    };
-    for (const row_t& row : rows) {
-        std::optional<fake_locations_t> locations;
-        if (row.service)
-            locations.emplace(tmp.path(), row.quiet);
+    SKIP_WITH_SYSTEM_INSTALL();
+    const struct { bool service, quiet; } rows[] = {{false, false}, {true, false}, {true, true}};
+    for (const auto& row : rows) {
+        prodenv::IProductLocations::set(row.service ? &locations_ : nullptr);
+        locations_.quiet_lookup = row.quiet;
         log_capture_t log(logger_name);
-        EXPECT_EQ(bridge_.invoke_orb(orb_accessor_impl_t::tool_main, {}, false), -1) << row.name;
+        EXPECT_EQ(bridge_.invoke_orb(main_tool, {}, false), -1);
         strings expected = {"tool=1", "sync=0", "Return 'true'", "orb location="};
-        if (row.reported) {
-            expect_error_record(log, "Failed to find orb location");
+        if (!row.quiet) {
+            expect_error(log, "Failed to find orb location");
             expected.push_back(log.messages().back());
         }
-        EXPECT_EQ(log.messages(), expected) << row.name;
+        EXPECT_EQ(log.messages(), expected) << "service " << row.service << ", quiet " << row.quiet;
     }
 }
 
-TEST_F(bridge_test, asynchronous_runs_return_zero_before_the_tool_ends)
+TEST_F(bridge_test, home_wins_and_the_override_directory_is_searched_last_and_flat)
 {
-    struct row_t {
-        const char* name;
-        tool_t tool;
-        std::function<void()> call;
-    };
-    const row_t rows[] = {
-        {"invoke_orb", orb_accessor_impl_t::tool_remote_monitor,
-         [&] { EXPECT_EQ(bridge_.invoke_orb(orb_accessor_impl_t::tool_remote_monitor, {}, false), 0); }},
-        {"notify_gui_start", orb_accessor_impl_t::tool_consent_check,
-         [&] { bridge_.notify_gui_start(); }},
-        {"check_for_updates", orb_accessor_impl_t::tool_main,
-         [&] { bridge_.check_for_updates("{guid}"); }},
-    };
-    for (const row_t& row : rows) {
-        const std::string go = home_ / "go", done = home_ / "done";
-        fake_tool_behaviour_t behaviour = exiting_with(9);
-        behaviour.wait_for = go;
-        behaviour.done_marker = done;
-        const fake_tool_t tool(tool_path(row.tool), behaviour);
-        log_capture_t log(logger_name);
-
-        row.call();
-        // The tool cannot end before "go" exists, so returning at all proves nobody waited.
-        EXPECT_FALSE(file_exists(done)) << row.name;
-        for (const std::string& message : log.messages())
-            EXPECT_EQ(message.rfind("orb return code=", 0), std::string::npos) << row.name;
-
-        write_file(go, "");
-        const std::vector<int> statuses = reap_children();
-        ASSERT_EQ(statuses.size(), 1u) << row.name;
-        EXPECT_TRUE(WIFEXITED(statuses[0]) && WEXITSTATUS(statuses[0]) == 9) << row.name;
-        EXPECT_TRUE(file_exists(done)) << row.name;
-        ::unlink(go.c_str());
-        ::unlink(done.c_str());
-    }
-}
-
-TEST_F(bridge_test, a_home_installation_wins_over_the_override_directory)
-{
+    SKIP_WITH_SYSTEM_INSTALL();
     temp_dir_t override_dir;
     scoped_env_t override_env("NORVEL_ORBTOOL_DIR", override_dir.path().c_str());
-    const tool_t tool = orb_accessor_impl_t::tool_consent_check;
-    const fake_tool_t in_home(tool_path(tool), exiting_with(11));
-    const fake_tool_t in_override(override_tool_path(override_dir.path(), tool), exiting_with(22));
-    EXPECT_EQ(bridge_.get_orb_location(tool).as_string(), in_home.path());
-    EXPECT_EQ(bridge_.invoke_orb(tool, {}, true), 11);
-    EXPECT_FALSE(in_override.ran());
-}
-
-TEST_F(bridge_test, the_override_directory_is_searched_directly_and_last)
-{
-    if (system_install_present())
-        GTEST_SKIP() << "/opt/norvel exists";
-    struct row_t {
-        const char* name;
-        bool home_set;
-        std::string placed;  // relative to the override directory; empty: nothing placed
-        bool found;
+    const std::string in_home = home_ / home_paths[monitor];
+    const std::string direct = override_dir / "norvelremotemon";
+    const struct { bool home_tool, home_set; std::string override_tool, expected; } rows[] = {
+        {true, true, direct, in_home},
+        {false, true, direct, direct},
+        {true, false, direct, direct},
+        {false, true, override_dir / "orb/bin/ia32/norvelremotemon", ""},
     };
-    const row_t rows[] = {
-        {"directly in the override", true, "norvelremotemon", true},
-        {"HOME unset", false, "norvelremotemon", true},
-        {"only in a sub-directory", true, "orb/bin/ia32/norvelremotemon", false},
-        {"nowhere", true, "", false},
-    };
-    for (const row_t& row : rows) {
-        temp_dir_t override_dir;
-        scoped_env_t override_env("NORVEL_ORBTOOL_DIR", override_dir.path().c_str());
+    for (const auto& row : rows) {
+        std::optional<fake_tool_t> home_tool;
+        if (row.home_tool)
+            home_tool.emplace(in_home);
+        const fake_tool_t override_tool(row.override_tool);
         std::optional<scoped_env_t> no_home;
         if (!row.home_set)
             no_home.emplace("HOME", nullptr);
-        if (!row.placed.empty())
-            fake_tool_t(override_dir / row.placed, exiting_with(3));
-        const std::string expected = row.found ? override_dir / row.placed : "";
-        EXPECT_EQ(bridge_.get_orb_location(orb_accessor_impl_t::tool_remote_monitor).as_string(),
-                  expected)
-            << row.name;
-        EXPECT_EQ(bridge_.invoke_orb(orb_accessor_impl_t::tool_remote_monitor, {}, true),
-                  row.found ? 3 : -1)
-            << row.name;
+        EXPECT_EQ(bridge_.get_orb_location(monitor).as_string(), row.expected) << row.override_tool;
     }
 }
 
-TEST_F(bridge_test, disabled_tool_calls_run_nothing)
+TEST_F(bridge_test, USEMETER_DISABLE_ORB_runs_nothing_and_reads_as_success)
 {
-    temp_dir_t tmp;
-    fake_locations_t locations(tmp.path());
-    const fake_tool_t monitor(tool_path(orb_accessor_impl_t::tool_remote_monitor), exiting_with(1));
-    const fake_tool_t consent(tool_path(orb_accessor_impl_t::tool_consent_check), exiting_with(1));
-    const fake_tool_t main_tool(tool_path(orb_accessor_impl_t::tool_main), exiting_with(1));
+    const fake_tool_t tool_0 = add_tool(monitor), tool_1 = add_tool(main_tool);
+    const fake_tool_t tool_2 = add_tool(consent);
     scoped_env_t disable("USEMETER_DISABLE_ORB", "0");
     const std::string present = home_ / "present.dat", absent = home_ / "absent.dat";
     write_file(present, "x");
-
     log_capture_t log(logger_name);
-    EXPECT_EQ(bridge_.invoke_orb(orb_accessor_impl_t::tool_remote_monitor, {}, true), 0);
+    EXPECT_EQ(bridge_.invoke_orb(monitor, {}, true), 0);
     EXPECT_EQ(log.messages(),
               (strings{"tool=0", "sync=1", "Return 'false' - USEMETER_DISABLE_ORB is set"}));
-
-    EXPECT_TRUE(bridge_.send_usage_package());
-    EXPECT_TRUE(bridge_.is_feedback_enabled());
-    EXPECT_FALSE(bridge_.send_file(present, false));
-    EXPECT_TRUE(bridge_.send_file(absent, false));
-    EXPECT_FALSE(bridge_.send_crash_report(present, true));
-    EXPECT_TRUE(bridge_.send_crash_report(absent, true));
+    // Sending is judged by whether the file is gone, even with the tools switched off.
+    EXPECT_EQ((std::vector<bool>{bridge_.send_usage_package(), bridge_.is_feedback_enabled(),
+                                 bridge_.send_file(present, false), bridge_.send_file(absent, true),
+                                 bridge_.send_crash_report(present, true),
+                                 bridge_.send_crash_report(absent, false)}),
+              (std::vector<bool>{true, true, false, true, false, true}));
     EXPECT_EQ(bridge_.get_uuid(), "");
     bridge_.notify_gui_start();
     bridge_.check_for_updates("{guid}");
-    EXPECT_FALSE(has_children());
-    EXPECT_FALSE(monitor.ran() || consent.ran() || main_tool.ran());
-    EXPECT_EQ(list_dir(tmp.path()), strings{});
+    EXPECT_FALSE(tool_0.ran() || tool_1.ran() || tool_2.ran());
+    EXPECT_EQ(count_files(tmp_.path()), 0);
 }
 
-TEST_F(bridge_test, missing_tools_make_every_operation_fail)
+TEST_F(bridge_test, NORVEL_DISABLE_UPDATES_CHECK_switches_update_checks_off)
 {
-    if (system_install_present())
-        GTEST_SKIP() << "/opt/norvel exists";
-    temp_dir_t tmp;
-    fake_locations_t locations(tmp.path(), true);
-    const std::string present = home_ / "present.dat";
-    write_file(present, "x");
-    log_capture_t log(logger_name);
-    EXPECT_FALSE(bridge_.send_file(present, false));
-    EXPECT_FALSE(bridge_.send_crash_report(present, false));
-    EXPECT_FALSE(bridge_.send_usage_package());
-    EXPECT_FALSE(bridge_.is_feedback_enabled());
-    EXPECT_TRUE(log.contains("return: feedback disabled"));
-    EXPECT_EQ(bridge_.get_uuid(), "");
-    EXPECT_TRUE(log.contains("return: uuid = "));
-    EXPECT_TRUE(file_exists(present));
-}
-
-TEST_F(bridge_test, operations_read_the_tools_answers)
-{
-    const std::string sent = home_ / "sent.dat";
-    struct row_t {
-        const char* name;
-        tool_t tool;
-        fake_tool_behaviour_t behaviour;
-        std::function<bool()> call;
-        bool expected;
-        std::string logged;
-    };
-    const tool_t monitor = orb_accessor_impl_t::tool_remote_monitor;
-    const tool_t consent = orb_accessor_impl_t::tool_consent_check;
-    const row_t rows[] = {
-        {"send_file consumed, exit 3", monitor, exiting_with(3, true),
-         [&] { return bridge_.send_file(sent, false); }, true, "aggregated_file=" + sent},
-        {"send_file kept, exit 0", monitor, exiting_with(0, false),
-         [&] { return bridge_.send_file(sent, true); }, false, "aggregated_file=" + sent},
-        {"send_crash_report consumed", monitor, exiting_with(0, true),
-         [&] { return bridge_.send_crash_report(sent, true); }, true, "file=" + sent},
-        {"send_crash_report kept", monitor, exiting_with(0, false),
-         [&] { return bridge_.send_crash_report(sent, false); }, false, "file=" + sent},
-        {"send_usage_package exit 5", monitor, exiting_with(5),
-         [&] { return bridge_.send_usage_package(); }, true, "orb return code=5"},
-        {"feedback exit 0", consent, exiting_with(0), [&] { return bridge_.is_feedback_enabled(); },
-         true, "return: feedback enabled"},
-        {"feedback exit 1", consent, exiting_with(1), [&] { return bridge_.is_feedback_enabled(); },
-         false, "return: feedback disabled"},
-    };
-    for (const row_t& row : rows) {
-        write_file(sent, "payload");
-        const fake_tool_t tool(tool_path(row.tool), row.behaviour);
-        log_capture_t log(logger_name);
-        EXPECT_EQ(row.call(), row.expected) << row.name;
-        EXPECT_TRUE(log.contains(row.logged)) << row.name;
-    }
-    ::unlink(sent.c_str());
-}
-
-TEST_F(bridge_test, update_checks_can_be_switched_off)
-{
-    const fake_tool_t tool(tool_path(orb_accessor_impl_t::tool_main), exiting_with(0));
-    {
-        scoped_env_t empty("NORVEL_DISABLE_UPDATES_CHECK", "");
-        EXPECT_TRUE(bridge_.is_check_for_updates_enabled());
-    }
+    const fake_tool_t tool = add_tool(main_tool);
     scoped_env_t off("NORVEL_DISABLE_UPDATES_CHECK", "1");
     log_capture_t log(logger_name);
     bridge_.check_for_updates(orb_accessor_t::DefaultProductGUID);
-    const std::string outer =
-        "virtual void usemeter_1_5_7::orb_accessor_impl_t::check_for_updates(const "
-        "std::basic_string<char>&)";
-    const std::string inner =
-        "bool usemeter_1_5_7::orb_accessor_impl_t::is_check_for_updates_enabled() const";
-    EXPECT_EQ(log.messages(true), (strings{
-                                      "ENTER: " + outer,
-                                      "product_guid={00000000-0000-0000-0000-000000000000}",
-                                      "ENTER: " + inner,
-                                      "Return 'false' - NORVEL_DISABLE_UPDATES_CHECK is set",
-                                      "EXIT:  " + inner,
-                                      "Check for updates disabled.",
-                                      "EXIT:  " + outer,
-                                  }));
-    EXPECT_FALSE(has_children());
+    EXPECT_EQ(log.messages(), (strings{"product_guid=" + default_guid,
+                                       "Return 'false' - NORVEL_DISABLE_UPDATES_CHECK is set",
+                                       "Check for updates disabled."}));
     EXPECT_FALSE(tool.ran());
 }
 
 TEST_F(bridge_test, get_uuid_returns_the_first_line_and_leaves_no_file)
 {
-    temp_dir_t tmp;
-    fake_locations_t locations(tmp.path());
     const std::pair<std::string, std::string> rows[] = {
         {"0F1E2D3C-4B5A\nsecond line\n", "0F1E2D3C-4B5A"},
         {"", ""},
@@ -488,109 +254,60 @@ TEST_F(bridge_test, get_uuid_returns_the_first_line_and_leaves_no_file)
         {" kept as written \r\nx", " kept as written \r"},
     };
     for (const auto& row : rows) {
-        const fake_tool_t tool(tool_path(orb_accessor_impl_t::tool_remote_monitor),
-                               writing_uuid(row.first));
+        const fake_tool_t tool = add_tool(monitor, writing_uuid(row.first));
         log_capture_t log(logger_name);
         EXPECT_EQ(bridge_.get_uuid(), row.second);
         EXPECT_EQ(log.messages().back(), "return: uuid = " + row.second);
-        EXPECT_EQ(list_dir(tmp.path()), strings{});
+        EXPECT_EQ(count_files(tmp_.path()), 0);
     }
 }
 
-TEST_F(bridge_test, get_uuid_moves_past_busy_locks)
+TEST_F(bridge_test, get_uuid_moves_past_busy_locks_and_gives_up_after_19)
 {
-    temp_dir_t tmp;
-    fake_locations_t locations(tmp.path());
-    const fake_tool_t tool(tool_path(orb_accessor_impl_t::tool_remote_monitor),
-                           writing_uuid("ID\n"));
-    write_file(tmp / exchange_name(1, ".lock"), "");
+    const fake_tool_t tool = add_tool(monitor, writing_uuid("ID\n"));
+    for (int n = 1; n <= 18; ++n)
+        write_file(tmp_ / exchange_name(n, ".lock"), "");
     EXPECT_EQ(bridge_.get_uuid(), "ID");
-    EXPECT_EQ(tool.recorded_args(), (strings{"-u", tmp / exchange_name(2)}));
-    EXPECT_EQ(list_dir(tmp.path()), strings{exchange_name(1, ".lock")});
+    EXPECT_EQ(tool.args(), (strings{"-u", tmp_ / exchange_name(19)}));
 
-    tool.forget_run();
-    strings locks;
-    for (int n = 1; n <= 19; ++n) {
-        write_file(tmp / exchange_name(n, ".lock"), "");
-        locks.push_back(exchange_name(n, ".lock"));
-    }
-    std::sort(locks.begin(), locks.end());
+    write_file(tmp_ / exchange_name(19, ".lock"), "");
     log_capture_t log(logger_name);
     EXPECT_EQ(bridge_.get_uuid(), "");
     EXPECT_EQ(log.messages(), strings{"return: empty string"});
-    EXPECT_FALSE(tool.ran());
-    EXPECT_EQ(list_dir(tmp.path()), locks);
+    EXPECT_EQ(count_files(tmp_.path()), 19) << "only the locks are left";
 }
 
 TEST_F(bridge_test, get_uuid_needs_a_temporary_directory)
 {
-    struct row_t {
-        const char* name;
-        bool service;
-        std::string error;
+    locations_.temp_dir = "";
+    const std::pair<bool, std::string> rows[] = {
+        {false, "prodenv::IProductLocations::get() is NULL"},
+        {true, "prodenv::IProductLocations::get()->getTempDir() returned empty path"},
     };
-    const row_t rows[] = {
-        {"no service", false, "prodenv::IProductLocations::get() is NULL"},
-        {"empty path", true, "prodenv::IProductLocations::get()->getTempDir() returned empty path"},
-    };
-    for (const row_t& row : rows) {
-        std::optional<fake_locations_t> locations;
-        if (row.service)
-            locations.emplace("");
+    for (const auto& row : rows) {
+        prodenv::IProductLocations::set(row.first ? &locations_ : nullptr);
         log_capture_t log(logger_name);
-        EXPECT_EQ(bridge_.get_uuid(), "") << row.name;
-        const strings messages = log.messages();
-        ASSERT_EQ(messages.size(), 2u) << row.name;
-        expect_error_record(log, row.error);
-        EXPECT_EQ(messages[1], "return: empty string") << row.name;
+        EXPECT_EQ(bridge_.get_uuid(), "");
+        expect_error(log, row.second);
+        EXPECT_EQ(log.messages().size(), 2u);
+        EXPECT_EQ(log.messages().back(), "return: empty string");
     }
 }
 
 TEST_F(bridge_test, get_uuid_never_writes_through_a_planted_link)
 {
-    temp_dir_t tmp;
-    fake_locations_t locations(tmp.path());
-    const fake_tool_t tool(tool_path(orb_accessor_impl_t::tool_remote_monitor),
-                           writing_uuid("ID\n"));
-    const std::string victim = home_ / "victim.txt";
-    const std::string planted = tmp / exchange_name(1);
+    const fake_tool_t tool = add_tool(monitor, writing_uuid("ID\n"));
+    const std::string victim = home_ / "victim.txt", planted = tmp_ / exchange_name(1);
     using plant_t = int (*)(const char*, const char*);
-    const std::pair<const char*, plant_t> rows[] = {{"symbolic link", ::symlink},
-                                                    {"hard link", ::link}};
-    for (const auto& row : rows) {
+    for (const plant_t plant : {plant_t(::symlink), plant_t(::link)}) {
         write_file(victim, "precious");
-        ASSERT_EQ(row.second(victim.c_str(), planted.c_str()), 0) << row.first;
-        EXPECT_EQ(bridge_.get_uuid(), "ID") << row.first;
-        EXPECT_EQ(tool.recorded_args(), (strings{"-u", tmp / exchange_name(2)})) << row.first;
-        EXPECT_EQ(read_file(victim), "precious") << row.first;
-        EXPECT_EQ(list_dir(tmp.path()), strings{exchange_name(1)}) << row.first;
+        ASSERT_EQ(plant(victim.c_str(), planted.c_str()), 0);
+        EXPECT_EQ(bridge_.get_uuid(), "ID");
+        EXPECT_EQ(tool.args(), (strings{"-u", tmp_ / exchange_name(2)}));
+        EXPECT_EQ(read_file(victim), "precious");
+        EXPECT_EQ(count_files(tmp_.path()), 1) << "only the planted link is left";
         ::unlink(planted.c_str());
     }
-}
-
-TEST_F(bridge_test, concurrent_get_uuid_calls_each_get_the_identifier)
-{
-    temp_dir_t tmp;
-    fake_locations_t locations(tmp.path());
-    const fake_tool_t tool(tool_path(orb_accessor_impl_t::tool_remote_monitor),
-                           writing_uuid("FIXED-ID\n"));
-    // Fewer callers than exchange slots: each caller holds one slot at most, so nobody
-    // can find all of them busy.
-    const int callers = 16;
-    std::atomic<int> ready{0};
-    std::vector<std::string> results(callers);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < callers; ++i)
-        threads.emplace_back([&, i] {
-            ++ready;
-            while (ready.load() < callers)
-                std::this_thread::yield();
-            results[i] = bridge_.get_uuid();
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(results, strings(callers, "FIXED-ID"));
-    EXPECT_EQ(list_dir(tmp.path()), strings{});
 }
 
 }  // namespace
