@@ -3,13 +3,10 @@
 #   cmake -S . -B build-i386 -DCMAKE_TOOLCHAIN_FILE=cmake/i386-linux-gnu.cmake
 # Not a cross build in CMake's sense: an amd64 kernel runs the i386 test programs natively,
 # so test discovery and ctest work as usual.
-set(CMAKE_C_COMPILER gcc)
-set(CMAKE_CXX_COMPILER g++)
-set(CMAKE_C_FLAGS_INIT -m32)
-set(CMAKE_CXX_FLAGS_INIT -m32)
-set(CMAKE_EXE_LINKER_FLAGS_INIT -m32)
-set(CMAKE_SHARED_LINKER_FLAGS_INIT -m32)
-set(CMAKE_MODULE_LINKER_FLAGS_INIT -m32)
+# The compilers are the system ones behind a wrapper that adds -m32, so every compile and
+# link, including those of programs the tests build themselves, targets i386.
+set(CMAKE_C_COMPILER ${CMAKE_CURRENT_LIST_DIR}/i386-linux-gnu/gcc)
+set(CMAKE_CXX_COMPILER ${CMAKE_CURRENT_LIST_DIR}/i386-linux-gnu/g++)
 
 # find_library and the package config files look under lib/i386-linux-gnu first; without
 # this, libcurl and Boost would resolve to the 64-bit copies and fail at link time.
