@@ -23,7 +23,7 @@
 #include <benchmark/benchmark.h>
 #include <boost/thread/sync_queue.hpp>
 
-#include "support/fake_proxy.hpp"
+#include "support/http_server.hpp"
 #include "support/locations_double.hpp"
 #include "support/temp_home.hpp"
 #include "usemeter/statistic_impl_ga.hpp"
@@ -44,8 +44,8 @@ struct setting_t {
     usemeter_test::clean_env_t clean_env;
     usemeter_test::temp_home_t home;
     usemeter_test::temp_dir_t data;
-    usemeter_test::fake_proxy_t proxy;
-    usemeter_test::scoped_env_t proxy_var{"http_proxy", proxy.url().c_str()};
+    usemeter_test::http_server_t proxy;
+    usemeter_test::scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
     usemeter_test::scoped_env_t force{"NORVEL_FORCE_FEEDBACK", "1"};
     usemeter_test::locations_double_t locations;
 

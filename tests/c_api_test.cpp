@@ -5,7 +5,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include "support/fake_proxy.hpp"
+#include "support/http_server.hpp"
 #include "support/temp_home.hpp"
 
 extern char** environ;
@@ -29,8 +29,8 @@ class c_api_test : public ::testing::Test {
 protected:
     clean_env_t clean_env;
     temp_home_t home;
-    fake_proxy_t proxy;
-    scoped_env_t proxy_var{"http_proxy", proxy.url().c_str()};
+    http_server_t proxy;
+    scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
 };
 
 TEST_F(c_api_test, consent_question_is_asked_until_answered)

@@ -1,116 +1,79 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "network_status_detail.hpp"
 #include "usemeter/statistic_impl.hpp"
 
-using usemeter::nsError;
-using usemeter::nsExcludedNetwork;
-using usemeter::nsOk;
-namespace detail = usemeter::detail;
+using namespace usemeter_1_5_7;
 
 namespace {
 
-// A synthetic answer list: "v4:a.b.c.d" or "v6:<address>" entries, linked in order.
-class answer_t {
-public:
-    explicit answer_t(const std::vector<std::string>& entries) : v4_(entries.size()), v6_(entries.size())
-    {
-        infos_.resize(entries.size());
-        for (std::size_t i = 0; i < entries.size(); ++i) {
-            addrinfo& info = infos_[i];
-            const std::string text = entries[i].substr(3);
-            if (entries[i].compare(0, 3, "v4:") == 0) {
-                v4_[i].sin_family = AF_INET;
-                ::inet_pton(AF_INET, text.c_str(), &v4_[i].sin_addr);
-                info.ai_family = AF_INET;
-                info.ai_addr = reinterpret_cast<sockaddr*>(&v4_[i]);
-                info.ai_addrlen = sizeof(sockaddr_in);
-            } else {
-                v6_[i].sin6_family = AF_INET6;
-                ::inet_pton(AF_INET6, text.c_str(), &v6_[i].sin6_addr);
-                // Where an IPv4 address would lie, put 10.x: only the family may decide.
-                const unsigned char ten[4] = {10, 1, 2, 3};
-                std::memcpy(&v6_[i].sin6_flowinfo, ten, sizeof ten);
-                info.ai_family = AF_INET6;
-                info.ai_addr = reinterpret_cast<sockaddr*>(&v6_[i]);
-                info.ai_addrlen = sizeof(sockaddr_in6);
-            }
-            info.ai_next = i + 1 < entries.size() ? &infos_[i + 1] : nullptr;
-        }
+// Each entry is one answer of a synthetic list ("v4:a.b.c.d" or "v6:<address>"), linked in
+// order; a v6 entry carries 10.1.2.3 where an IPv4 address would lie, so only the family decides.
+int classify(int gai_error, const std::vector<std::string>& entries)
+{
+    std::vector<sockaddr_in6> addresses(entries.size());
+    std::vector<addrinfo> infos(entries.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const bool v4 = entries[i].compare(0, 3, "v4:") == 0;
+        auto* v4_address = reinterpret_cast<sockaddr_in*>(&addresses[i]);
+        ::inet_pton(AF_INET, "10.1.2.3", &v4_address->sin_addr);
+        addresses[i].sin6_family = v4 ? AF_INET : AF_INET6;
+        ::inet_pton(v4 ? AF_INET : AF_INET6, entries[i].c_str() + 3,
+                    v4 ? static_cast<void*>(&v4_address->sin_addr) : &addresses[i].sin6_addr);
+        infos[i].ai_family = addresses[i].sin6_family;
+        infos[i].ai_addr = reinterpret_cast<sockaddr*>(&addresses[i]);
+        infos[i].ai_next = i + 1 < entries.size() ? &infos[i + 1] : nullptr;
     }
-    const addrinfo* list() const { return infos_.empty() ? nullptr : &infos_[0]; }
-
-private:
-    std::vector<sockaddr_in> v4_;
-    std::vector<sockaddr_in6> v6_;
-    std::vector<addrinfo> infos_;
-};
+    return detail::classify_lookup(gai_error, infos.empty() ? nullptr : &infos[0]);
+}
 
 TEST(network_status, classifies_lookup_outcomes)
 {
-    const struct row_t {
+    const struct {
         int gai_error;
         std::vector<std::string> entries;
         int expected;
     } rows[] = {
-        {EAI_NONAME, {}, nsOk},
-        {EAI_NODATA, {}, nsOk},
-        {EAI_AGAIN, {}, nsError},
-        {EAI_FAIL, {}, nsError},
-        {EAI_SERVICE, {}, nsError},
-        {EAI_SYSTEM, {}, nsError},
-        {0, {}, nsOk},
+        {EAI_NONAME, {}, nsOk}, {EAI_NODATA, {}, nsOk}, {EAI_AGAIN, {}, nsError},
+        {EAI_FAIL, {}, nsError}, {EAI_SYSTEM, {}, nsError}, {0, {}, nsOk},
         {0, {"v6:::1", "v6:fd00::10"}, nsOk},
         {0, {"v4:127.0.0.1", "v4:11.0.0.1", "v4:9.255.255.255", "v4:192.168.10.10"}, nsOk},
         {0, {"v6:::1", "v4:127.0.0.1", "v4:10.9.8.7", "v4:172.16.0.1"}, nsExcludedNetwork},
         {0, {"v4:10.0.0.0"}, nsExcludedNetwork},
     };
-    for (const row_t& row : rows) {
-        answer_t answer(row.entries);
-        EXPECT_EQ(detail::classify_lookup(row.gai_error, answer.list()), row.expected)
+    for (const auto& row : rows)
+        EXPECT_EQ(classify(row.gai_error, row.entries), row.expected)
             << row.gai_error << " " << row.entries.size();
-    }
 }
 
-TEST(network_status, resolves_numeric_nodes_without_dns)
-{
-    EXPECT_EQ(detail::get_network_status_for("10.1.2.3"), nsExcludedNetwork);
-    EXPECT_EQ(detail::get_network_status_for("127.0.0.1"), nsOk);
-    EXPECT_EQ(detail::get_network_status_for("::1"), nsOk);
-
-    detail::corporate_node_name = "10.1.2.3";
-    EXPECT_EQ(usemeter::get_network_status(), nsExcludedNetwork);
-    detail::corporate_node_name = "127.0.0.1";
-    EXPECT_EQ(usemeter::get_network_status(), nsOk);
-}
-
+std::string seen_service;
 addrinfo seen_hints;
-std::string seen_node, seen_service;
 
-int unreachable_resolver(const char* node, const char* service, const addrinfo* hints, addrinfo**)
+int recording_lookup(const char* node, const char* service, const addrinfo* hints, addrinfo** out)
 {
-    seen_node = node;
     seen_service = service;
     seen_hints = *hints;
-    return EAI_AGAIN;
+    return ::getaddrinfo(node, service, hints, out);
 }
 
-TEST(network_status, asks_for_the_domain_service_over_udp)
+// Numeric nodes resolve locally, without asking any DNS server.
+TEST(network_status, resolves_the_corporate_node_for_the_domain_service_over_udp)
 {
-    detail::lookup = &unreachable_resolver;
-    detail::corporate_node_name = "corp.example.invalid";
-    EXPECT_EQ(usemeter::get_network_status(), nsError);
-    EXPECT_EQ(seen_node, "corp.example.invalid");
-    EXPECT_EQ(seen_service, "domain");
-    EXPECT_EQ(seen_hints.ai_flags, 0);
-    EXPECT_EQ(seen_hints.ai_family, AF_UNSPEC);
-    EXPECT_EQ(seen_hints.ai_socktype, SOCK_DGRAM);
-    EXPECT_EQ(seen_hints.ai_protocol, 17);
+    detail::lookup = &recording_lookup;
+    const std::pair<const char*, int> rows[] = {
+        {"10.1.2.3", nsExcludedNetwork}, {"127.0.0.1", nsOk}, {"::1", nsOk}};
+    for (const auto& row : rows) {
+        detail::corporate_node_name = row.first;
+        EXPECT_EQ(get_network_status(), row.second) << row.first;
+        EXPECT_EQ(seen_service, "domain");
+        const addrinfo& h = seen_hints;
+        EXPECT_EQ((std::vector<int>{h.ai_flags, h.ai_family, h.ai_socktype, h.ai_protocol}),
+                  (std::vector<int>{0, AF_UNSPEC, SOCK_DGRAM, 17}));
+    }
 }
 
 }  // namespace

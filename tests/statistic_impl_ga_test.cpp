@@ -7,7 +7,7 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "network_status_detail.hpp"
-#include "support/fake_proxy.hpp"
+#include "support/http_server.hpp"
 #include "support/locations_double.hpp"
 #include "support/log_capture.hpp"
 #include "support/temp_home.hpp"
@@ -40,8 +40,8 @@ protected:
     clean_env_t clean_env;
     temp_home_t home;
     temp_dir_t data;
-    fake_proxy_t proxy;
-    scoped_env_t proxy_var{"http_proxy", proxy.url().c_str()};
+    http_server_t proxy;
+    scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
     std::unique_ptr<locations_double_t> locations = std::make_unique<locations_double_t>();
     const char* saved_corporate_node = usemeter_1_5_7::detail::corporate_node_name;
 
@@ -83,7 +83,7 @@ protected:
         }
         std::vector<std::string> bodies;
         for (const http_request_t& request : proxy.requests()) {
-            EXPECT_EQ(request.request_line(), "POST http://www.google-analytics.com/collect HTTP/1.1");
+            EXPECT_EQ(request.method + " " + request.target, "POST http://www.google-analytics.com/collect");
             EXPECT_EQ(request.header("Content-Type"), "application/x-www-form-urlencoded");
             bodies.push_back(request.body);
         }

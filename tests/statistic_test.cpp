@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "network_status_detail.hpp"
-#include "support/fake_proxy.hpp"
+#include "support/http_server.hpp"
 #include "support/locations_double.hpp"
 #include "support/log_capture.hpp"
 #include "support/temp_home.hpp"
@@ -17,8 +17,8 @@ protected:
     clean_env_t clean_env;
     temp_home_t home;
     temp_dir_t data;
-    fake_proxy_t proxy;
-    scoped_env_t proxy_var{"http_proxy", proxy.url().c_str()};
+    http_server_t proxy;
+    scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
     scoped_env_t force{"NORVEL_FORCE_FEEDBACK", "1"};
 
     facade_test()

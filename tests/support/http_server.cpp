@@ -1,30 +1,23 @@
 #include "support/http_server.hpp"
 
-#include <algorithm>
-#include <cctype>
+#include <condition_variable>
 #include <cstdlib>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 #include <thread>
 
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <netinet/in.h>
+#include <strings.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <httplib.h>
 
 namespace usemeter_test {
 
 namespace {
-
-bool same_text_ignoring_case(const std::string& a, const std::string& b)
-{
-    return a.size() == b.size()
-           && std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) {
-                  return std::tolower(x) == std::tolower(y);
-              });
-}
 
 int port_of(int fd, bool peer)
 {
@@ -46,20 +39,24 @@ void shut_down_connections(int server_port, int remote_port)
     DIR* dir = ::opendir("/proc/self/fd");
     if (!dir)
         return;
-    std::vector<int> matches;
+    // httplib closes the descriptor itself once its read or write fails.
     while (dirent* entry = ::readdir(dir)) {
         const int fd = std::atoi(entry->d_name);
-        if (fd <= 2 || fd == ::dirfd(dir))
-            continue;
-        const int peer = port_of(fd, true);
-        if (port_of(fd, false) == server_port && peer >= 0
-            && (remote_port < 0 || peer == remote_port))
-            matches.push_back(fd);
+        const int peer = fd > 2 ? port_of(fd, true) : -1;
+        if (peer >= 0 && port_of(fd, false) == server_port && (remote_port < 0 || peer == remote_port))
+            ::shutdown(fd, SHUT_RDWR);
     }
     ::closedir(dir);
-    // httplib closes the descriptor itself once its read or write fails.
-    for (int fd : matches)
-        ::shutdown(fd, SHUT_RDWR);
+}
+
+// Origin form of an absolute-form target: "http://host:port/path?q" -> "/path?q".
+std::string origin_form(const std::string& target)
+{
+    const std::size_t scheme = target.find("://");
+    if (scheme == std::string::npos)
+        return target;
+    const std::size_t path = target.find('/', scheme + 3);
+    return path == std::string::npos ? "/" : target.substr(path);
 }
 
 }  // namespace
@@ -67,72 +64,9 @@ void shut_down_connections(int server_port, int remote_port)
 std::string http_request_t::header(const std::string& name) const
 {
     for (const auto& h : headers)
-        if (same_text_ignoring_case(h.first, name))
+        if (::strcasecmp(h.first.c_str(), name.c_str()) == 0)
             return h.second;
     return std::string();
-}
-
-std::string http_request_t::request_line() const
-{
-    return method + " " + target + " " + version;
-}
-
-void request_log_t::add(http_request_t request)
-{
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++count_;
-        if (keep_)
-            requests_.push_back(std::move(request));
-        if (targets_.empty() || count_ < *targets_.begin())
-            return;
-    }
-    added_.notify_all();
-}
-
-std::vector<http_request_t> request_log_t::all() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
-}
-
-std::size_t request_log_t::size() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return count_;
-}
-
-void request_log_t::keep_details(bool keep)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    keep_ = keep;
-}
-
-bool request_log_t::wait_for(std::size_t n, std::chrono::milliseconds timeout) const
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    const auto target = targets_.insert(n);
-    const bool reached = added_.wait_for(lock, timeout, [&] { return count_ >= n; });
-    targets_.erase(target);
-    return reached;
-}
-
-int unused_loopback_port()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
-        || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        if (fd >= 0)
-            ::close(fd);
-        throw std::runtime_error("cannot bind a loopback port");
-    }
-    // Never listened on, so connections to it are refused once it is closed.
-    ::close(fd);
-    return ntohs(address.sin_port);
 }
 
 struct http_server_t::impl_t {
@@ -140,23 +74,59 @@ struct http_server_t::impl_t {
     std::thread thread;
 
     std::mutex mutex;  // guards everything below
+    std::condition_variable arrived;  // a count that a waiter waits for was reached
     std::condition_variable changed;  // the mode changed or stopping began
+    std::vector<http_request_t> requests;
+    std::size_t count = 0;
+    bool keep = true;
+    // The counts that waiters wait for: a request wakes them only when the smallest is reached,
+    // so that a waiter does not compete with the server for the processor on every request.
+    std::multiset<std::size_t> awaited;
     bool stopping = false;
     unsigned generation = 0;  // counts mode changes, so that held requests notice one
-    enum class mode_t { answer, hang, close } mode = mode_t::answer;
-    int status = 200;
+    enum class mode_t { answer, hang, close, forward } mode = mode_t::answer;
+    int value = 200;  // the status to answer with, or the port to forward to
     std::chrono::milliseconds delay{0};
 
-    void set(mode_t new_mode, int new_status, std::chrono::milliseconds new_delay)
+    void set(mode_t new_mode, int new_value, std::chrono::milliseconds new_delay = {})
     {
         {
             std::lock_guard<std::mutex> lock(mutex);
             mode = new_mode;
-            status = new_status;
+            value = new_value;
             delay = new_delay;
             ++generation;
         }
         changed.notify_all();
+    }
+
+    void handle(const httplib::Request& req, httplib::Response& res, int port)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ++count;
+        if (keep)
+            requests.push_back({req.method, req.target, {req.headers.begin(), req.headers.end()},
+                                req.body});
+        if (!awaited.empty() && count >= *awaited.begin())
+            arrived.notify_all();
+        while (mode == mode_t::hang && !stopping) {
+            const unsigned seen = generation;
+            if (!changed.wait_for(lock, delay, [&] { return stopping || generation != seen; }))
+                break;
+        }
+        const mode_t now = mode;
+        const int now_value = value;
+        lock.unlock();
+
+        res.status = now_value;
+        if (now == mode_t::close) {
+            shut_down_connections(port, req.remote_port);
+        } else if (now == mode_t::forward) {
+            httplib::Client upstream("127.0.0.1", now_value);
+            const auto answer = upstream.Post(origin_form(req.target).c_str(), req.body,
+                                              req.get_header_value("Content-Type").c_str());
+            res.status = answer ? answer->status : 502;
+        }
     }
 };
 
@@ -171,37 +141,10 @@ http_server_t::http_server_t() : impl_(new impl_t), port_(-1)
     server.set_keep_alive_timeout(1);
     // Every kept-alive or hanging connection holds one pool thread.
     server.new_task_queue = [] { return new httplib::ThreadPool(32); };
-
-    auto handler = [this](const httplib::Request& req, httplib::Response& res) {
-        http_request_t request;
-        request.method = req.method;
-        request.target = req.target;
-        request.version = req.version;
-        request.headers.assign(req.headers.begin(), req.headers.end());
-        request.body = req.body;
-        log_.add(std::move(request));
-
-        std::unique_lock<std::mutex> lock(impl_->mutex);
-        while (impl_->mode == impl_t::mode_t::hang && !impl_->stopping) {
-            const unsigned seen = impl_->generation;
-            if (!impl_->changed.wait_for(lock, impl_->delay, [&] {
-                    return impl_->stopping || impl_->generation != seen;
-                }))
-                break;
-        }
-        res.status = impl_->status;
-        if (impl_->mode == impl_t::mode_t::close) {
-            lock.unlock();
-            shut_down_connections(port_, req.remote_port);
-        }
-    };
-    const std::string any = ".*";
-    server.Get(any, handler);
-    server.Post(any, handler);
-    server.Put(any, handler);
-    server.Patch(any, handler);
-    server.Delete(any, handler);
-    server.Options(any, handler);
+    // ".*" also matches absolute-form targets, so the server can stand in for a proxy.
+    server.Post(".*", [this](const httplib::Request& req, httplib::Response& res) {
+        impl_->handle(req, res, port_);
+    });
 
     port_ = server.bind_to_any_port("127.0.0.1");
     if (port_ <= 0)
@@ -224,7 +167,7 @@ std::string http_server_t::url(const std::string& path) const
 
 void http_server_t::answer(int status)
 {
-    impl_->set(impl_t::mode_t::answer, status, std::chrono::milliseconds(0));
+    impl_->set(impl_t::mode_t::answer, status);
 }
 
 void http_server_t::hang(std::chrono::milliseconds delay, int status)
@@ -234,7 +177,40 @@ void http_server_t::hang(std::chrono::milliseconds delay, int status)
 
 void http_server_t::close_without_answer()
 {
-    impl_->set(impl_t::mode_t::close, 0, std::chrono::milliseconds(0));
+    impl_->set(impl_t::mode_t::close, 500);
+}
+
+void http_server_t::forward_to(int port)
+{
+    impl_->set(impl_t::mode_t::forward, port);
+}
+
+std::vector<http_request_t> http_server_t::requests() const
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->requests;
+}
+
+void http_server_t::keep_request_details(bool keep)
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->keep = keep;
+}
+
+std::size_t http_server_t::request_count() const
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    return impl_->count;
+}
+
+bool http_server_t::wait_for_requests(std::size_t n, std::chrono::milliseconds timeout) const
+{
+    std::unique_lock<std::mutex> lock(impl_->mutex);
+    const auto entry = impl_->awaited.insert(n);
+    const bool reached =
+        impl_->arrived.wait_for(lock, timeout, [&] { return impl_->count >= n; });
+    impl_->awaited.erase(entry);
+    return reached;
 }
 
 void http_server_t::stop()

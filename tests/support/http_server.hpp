@@ -1,61 +1,30 @@
 // A real HTTP/1.1 server on 127.0.0.1 for tests and benchmarks: keep-alive, Nagle off, answers
-// with a status chosen at run time, can hang or drop connections, and records every request.
+// POSTs with a status chosen at run time, can hang, drop connections or forward, and records
+// every request. It also serves as the proxy named by "http_proxy": it takes absolute-form
+// requests ("POST http://host/collect HTTP/1.1") and answers them itself.
 #ifndef USEMETER_TESTS_HTTP_SERVER_HPP
 #define USEMETER_TESTS_HTTP_SERVER_HPP
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace usemeter_test {
 
-// One request as a loopback double received it.
+// One request as the server received it.
 struct http_request_t {
     std::string method;
-    // As received: "/collect" at the server, "http://host:port/collect" at the proxy.
+    // As received: "/collect" when addressed directly, "http://host:port/collect" as a proxy.
     std::string target;
-    std::string version;  // "HTTP/1.1"
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
 
     // The first value of a header, name compared case-insensitively; "" when absent.
     std::string header(const std::string& name) const;
-    // "POST http://host:port/collect HTTP/1.1"
-    std::string request_line() const;
 };
-
-// Thread-safe list of received requests, in arrival order.
-class request_log_t {
-public:
-    void add(http_request_t request);
-    // The requests kept so far (see keep_details).
-    std::vector<http_request_t> all() const;
-    // How many requests arrived, kept or not.
-    std::size_t size() const;
-    // True as soon as at least n requests have arrived; false when timeout passes first.
-    bool wait_for(std::size_t n, std::chrono::milliseconds timeout) const;
-    // With false, later requests are only counted: long benchmark runs would fill memory.
-    void keep_details(bool keep);
-
-private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable added_;
-    std::vector<http_request_t> requests_;
-    std::size_t count_ = 0;
-    bool keep_ = true;
-    // The counts that waiters wait for: add() wakes them only when the smallest is reached,
-    // so that a waiter does not compete with the server for the processor on every request.
-    mutable std::multiset<std::size_t> targets_;
-};
-
-// A loopback port that nothing listens on (bound once, then closed): connecting is refused.
-int unused_loopback_port();
 
 class http_server_t {
 public:
@@ -70,6 +39,8 @@ public:
     int port() const { return port_; }
     // "http://127.0.0.1:<port><path>"
     std::string url(const std::string& path = "/collect") const;
+    // "http://127.0.0.1:<port>", the value for "http_proxy".
+    std::string proxy_url() const { return url(""); }
 
     // Answer every following request with this status and an empty body.
     void answer(int status);
@@ -78,16 +49,18 @@ public:
     void hang(std::chrono::milliseconds delay, int status = 200);
     // Drop the connection of every following request without sending a byte of response.
     void close_without_answer();
+    // Pass every following request on to 127.0.0.1:<port> in origin form and relay the status
+    // (502 when nothing answers there). Whatever host a request names, only loopback is reached.
+    void forward_to(int port);
 
     // Requests are recorded on arrival, whatever the mode.
-    std::vector<http_request_t> requests() const { return log_.all(); }
-    // With false, later requests are only counted (request_count) and not kept.
-    void keep_request_details(bool keep) { log_.keep_details(keep); }
-    std::size_t request_count() const { return log_.size(); }
-    bool wait_for_requests(std::size_t n, std::chrono::milliseconds timeout) const
-    {
-        return log_.wait_for(n, timeout);
-    }
+    std::vector<http_request_t> requests() const;
+    // With false, later requests are only counted (request_count) and not kept: long benchmark
+    // runs would fill memory.
+    void keep_request_details(bool keep);
+    std::size_t request_count() const;
+    // True as soon as at least n requests have arrived; false when timeout passes first.
+    bool wait_for_requests(std::size_t n, std::chrono::milliseconds timeout) const;
 
     // Releases hanging requests, closes every connection and joins the server's threads.
     // Idempotent; afterwards the port refuses connections.
@@ -95,7 +68,6 @@ public:
 
 private:
     struct impl_t;
-    request_log_t log_;
     std::unique_ptr<impl_t> impl_;
     int port_;
 };
