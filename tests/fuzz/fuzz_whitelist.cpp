@@ -69,6 +69,7 @@ struct setup_t {
         prefix = std::string("v=1&tid=UA-12345678-42&cid=") + uuid + "&an=fuzz&av=1.0&cd1=posix&cd2=" +
                  encode(usemeter_1_5_7::get_os_name());
     }
+    ~setup_t() { prodenv::IProductLocations::set(nullptr); }
 
     // libcurl's escaping as the wire format states it; the text ends at a NUL byte, as a C
     // string does.
