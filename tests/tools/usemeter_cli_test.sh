@@ -63,11 +63,14 @@ expect_one_line_error() {
 }
 
 start_collector() {
+  # The redirections below truncate only once the background job runs: a previous
+  # collector's "listening" line must not be read in the meantime.
+  rm -f "$work/collector.out" "$work/collector.err"
   "$usemeter" collector "$@" >"$work/collector.out" 2>"$work/collector.err" &
   collector_pid=$! port=
   for _ in $(seq 100); do
     port=$(sed -n 's|^usemeter collector: listening on http://127.0.0.1:\([0-9]*\)/.*|\1|p' \
-           "$work/collector.out")
+           "$work/collector.out" 2>/dev/null)
     [[ -n "$port" ]] && return 0
     sleep 0.1
   done
