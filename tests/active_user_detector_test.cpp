@@ -24,9 +24,11 @@ date_t day(int days_from_today, int years_back = 0)
     return date_t{local.tm_year + 1900 - years_back, local.tm_mon + 1, local.tm_mday};
 }
 
-std::string history_file(const temp_dir_t& dir)
+std::string history_file(const temp_dir_t& dir) { return dir / "last_active_dates.xml"; }
+
+std::string text(const date_t& d)
 {
-    return dir / "last_active_dates.xml";
+    return std::to_string(d.year) + "-" + std::to_string(d.month) + "-" + std::to_string(d.day);
 }
 
 void write_history(const temp_dir_t& dir, const std::vector<date_t>& dates)
@@ -48,11 +50,11 @@ std::vector<std::string> saved_days(const temp_dir_t& dir)
     std::vector<std::string> days;
     basekit::load_variant_bag2(bag, history_file(dir), "bag", false);
     for (auto it = bag.begin_by_name("item"); !it.at_end(); it.next()) {
-        int y = 0, m = 0, d = 0;
-        usemeter_1_5_7::getVariantInt(it.get_value(), "Y", &y);
-        usemeter_1_5_7::getVariantInt(it.get_value(), "M", &m);
-        usemeter_1_5_7::getVariantInt(it.get_value(), "D", &d);
-        days.push_back(std::to_string(y) + "-" + std::to_string(m) + "-" + std::to_string(d));
+        date_t d{0, 0, 0};
+        usemeter_1_5_7::getVariantInt(it.get_value(), "Y", &d.year);
+        usemeter_1_5_7::getVariantInt(it.get_value(), "M", &d.month);
+        usemeter_1_5_7::getVariantInt(it.get_value(), "D", &d.day);
+        days.push_back(text(d));
     }
     return days;
 }
@@ -62,11 +64,6 @@ ino_t inode(const std::string& path)
     struct stat info {};
     ::stat(path.c_str(), &info);
     return info.st_ino;
-}
-
-std::string text(const date_t& d)
-{
-    return std::to_string(d.year) + "-" + std::to_string(d.month) + "-" + std::to_string(d.day);
 }
 
 TEST(active_user_detector, records_each_day_once_and_writes_only_what_changed)
@@ -104,8 +101,7 @@ TEST(active_user_detector, verdict_needs_four_days_the_oldest_strictly_within_a_
     for (const auto& c : cases) {
         temp_dir_t dir;
         write_history(dir, c.history);
-        active_user_detector_t detector(dir.path());
-        EXPECT_EQ(detector.is_active_user(), c.active) << c.name;
+        EXPECT_EQ(active_user_detector_t(dir.path()).is_active_user(), c.active) << c.name;
     }
 }
 

@@ -1,12 +1,7 @@
-#include <chrono>
-#include <cstdlib>
-#include <functional>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include <gtest/gtest.h>
+
+#include <functional>
+#include <thread>
 
 #include "support/http_server.hpp"
 #include "support/temp_home.hpp"
@@ -15,10 +10,7 @@
 namespace {
 
 using usemeter_1_5_7::http_connector_t;
-using usemeter_test::clean_env_t;
-using usemeter_test::http_request_t;
-using usemeter_test::http_server_t;
-using usemeter_test::scoped_env_t;
+using namespace usemeter_test;
 using strings_t = std::vector<std::string>;
 using namespace std::chrono_literals;
 
@@ -26,11 +18,13 @@ using namespace std::chrono_literals;
 const auto arrival_limit = 20s;
 const auto destruction_limit = 30s;
 
-strings_t bodies_of(const std::vector<http_request_t>& requests)
+// The bodies of the requests, only those starting with prefix.
+strings_t bodies_of(const std::vector<http_request_t>& requests, const std::string& prefix = "")
 {
     strings_t bodies;
     for (const http_request_t& r : requests)
-        bodies.push_back(r.body);
+        if (r.body.compare(0, prefix.size(), prefix) == 0)
+            bodies.push_back(r.body);
     return bodies;
 }
 
@@ -50,7 +44,7 @@ protected:
     http_server_t server;
     std::unique_ptr<http_connector_t> connector;
 
-    void start(const std::string& url, const strings_t& bodies)
+    void start(const std::string& url, const strings_t& bodies = {})
     {
         connector = std::make_unique<http_connector_t>(url.c_str());
         for (std::string body : bodies)
@@ -69,7 +63,7 @@ protected:
 // right after the last post still delivers every queued body, each thread's in its order.
 TEST_F(http_connector, delivers_every_body_once_in_posting_order_as_a_form)
 {
-    start(server.url(), {});
+    start(server.url());
     std::vector<std::thread> hosts;
     std::vector<int> escape_errors(4, 0);
     for (int t = 0; t < 4; ++t)
@@ -90,14 +84,9 @@ TEST_F(http_connector, delivers_every_body_once_in_posting_order_as_a_form)
     for (const http_request_t& r : requests)
         EXPECT_EQ(r.method + " " + r.target + " " + r.header("Content-Type"),
                   "POST /collect application/x-www-form-urlencoded");
-    for (int t = 0; t < 4; ++t) {
-        const std::string prefix = "t=" + std::to_string(t) + "&n=";
-        strings_t of_thread;
-        for (const std::string& b : bodies_of(requests))
-            if (b.compare(0, prefix.size(), prefix) == 0)
-                of_thread.push_back(b);
-        EXPECT_EQ(of_thread, numbered_bodies(75, prefix));
-    }
+    for (int t = 0; t < 4; ++t)
+        EXPECT_EQ(bodies_of(requests, "t=" + std::to_string(t) + "&n="),
+                  numbered_bodies(75, "t=" + std::to_string(t) + "&n="));
 }
 
 // With one candidate, the first body that fails switches delivery off for good (a hanging server
@@ -106,8 +95,7 @@ TEST_F(http_connector, delivers_every_body_once_in_posting_order_as_a_form)
 TEST_F(http_connector, any_failure_of_the_only_route_stops_delivery)
 {
     const std::pair<const char*, std::function<void(http_server_t&)>> cases[] = {
-        {"204", [](http_server_t& s) { s.answer(204); }},
-        {"500", [](http_server_t& s) { s.answer(500); }},
+        {"204", [](http_server_t& s) { s.answer(204); }}, {"500", [](http_server_t& s) { s.answer(500); }},
         {"connection closed", [](http_server_t& s) { s.close_without_answer(); }},
         {"hanging", [](http_server_t& s) { s.hang(120s); }},
     };
@@ -126,7 +114,7 @@ TEST_F(http_connector, any_failure_of_the_only_route_stops_delivery)
 // or stopped worker returns at once.
 TEST_F(http_connector, idle_or_stopped_worker_is_destroyed_at_once)
 {
-    start(server.url(), {});
+    start(server.url());
     EXPECT_LT(destroy(), destruction_limit);
     start(server.url(), {"v=1&first", "", "v=1&never"});
     ASSERT_TRUE(server.wait_for_requests(1, arrival_limit));
@@ -160,10 +148,9 @@ TEST_F(http_connector, delivers_through_the_proxy)
     start("http://collector.invalid/collect", numbered_bodies(20));
     destroy();
 
-    const std::vector<http_request_t> at_proxy = proxy.requests();
-    ASSERT_EQ(at_proxy.size(), 20u);
-    EXPECT_EQ(at_proxy.front().target, "http://collector.invalid/collect");
-    EXPECT_EQ(bodies_of(server.requests()), numbered_bodies(20));
+    ASSERT_EQ(bodies_of(server.requests()), numbered_bodies(20));
+    EXPECT_EQ(proxy.requests().size(), 20u);
+    EXPECT_EQ(proxy.requests().front().target, "http://collector.invalid/collect");
     EXPECT_EQ(server.requests().front().target, "/collect");
 }
 
@@ -201,13 +188,10 @@ TEST_F(http_connector, moves_to_the_direct_route_when_the_proxy_fails_and_stays)
 
 TEST_F(http_connector, urlencode_escapes_every_byte_but_unreserved_ones)
 {
-    start("http://127.0.0.1/collect", {});  // nothing is posted
+    start("http://127.0.0.1/collect");  // nothing is posted
     const std::pair<std::string, const char*> cases[] = {
-        {"a b&c", "a%20b%26c"},
-        {"", ""},
-        {"AZaz09-._~", "AZaz09-._~"},
-        {"run.gui/x=1+2?", "run.gui%2Fx%3D1%2B2%3F"},
-        {"\xc3\xa9\x7f\xff", "%C3%A9%7F%FF"},
+        {"a b&c", "a%20b%26c"}, {"", ""}, {"AZaz09-._~", "AZaz09-._~"},
+        {"run.gui/x=1+2?", "run.gui%2Fx%3D1%2B2%3F"}, {"\xc3\xa9\x7f\xff", "%C3%A9%7F%FF"},
         {std::string("a\0b", 3), "a"},  // taken up to the first NUL byte
     };
     for (const auto& c : cases)

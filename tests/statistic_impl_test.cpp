@@ -23,21 +23,18 @@ namespace {
 
 // The smallest concrete policy object: records what the core forwards to it.
 struct probe_t : statistic_impl_t {
-    using statistic_impl_t::statistic_impl_t;
+    probe_t(const std::string& product = "trovix") : statistic_impl_t(product, "1.0") {}
     void notify_feature_usage_ex(const std::string& name, unsigned long long value) override
     {
         events.push_back(name + "=" + std::to_string(value));
     }
-    void write_range_metric(const std::string&, unsigned long long, unsigned long long,
-                            unsigned char, unsigned long long) override {}
+    void write_range_metric(const std::string&, unsigned long long, unsigned long long, unsigned char,
+                            unsigned long long) override {}
     void write_log_range_metric(const std::string&, unsigned long long, unsigned char) override {}
     void notify_send_data(bool) override {}
     bool flush() override { return true; }
-
     bool enabled() const { return enabled_; }
     std::string optin() const { return optin_path_; }
-    std::string uuid_file() const { return uuid_path_; }
-    boost::filesystem::path settings() const { return settings_dir_; }
     lines_t events;
 };
 
@@ -48,10 +45,19 @@ int lookups = 0;
 int counting_lookup(const char* node, const char* service, const addrinfo* hints, addrinfo** out)
 {
     ++lookups;
-    if (std::string(node) == unreachable)
-        return EAI_AGAIN;
-    return ::getaddrinfo(node, service, hints, out);
+    return std::string(node) == unreachable ? EAI_AGAIN : ::getaddrinfo(node, service, hints, out);
 }
+
+// Replaces whatever is at path: "<missing>" leaves nothing, "<dir>" a directory.
+void place(const std::string& path, const std::string& content)
+{
+    boost::filesystem::remove_all(path);
+    if (content == "<dir>")
+        make_dirs(path);
+    else if (content != "<missing>")
+        write_file(path, content);
+}
+
 
 const std::regex uuid_form("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
 const std::string env_sig = "static usemeter_1_5_7::statistic_impl_t::env_vars_state_t "
@@ -71,9 +77,7 @@ protected:
         lookups = 0;
     }
     std::string uuid_xml(const std::string& product = "trovix") const
-    {
-        return home / ("norvel/" + product + "/settings/statistic/uuid.xml");
-    }
+    { return home / ("norvel/" + product + "/settings/statistic/uuid.xml"); }
     clean_env_t env;
     temp_home_t home;
     const std::string optin = home / "norvel/optin";
@@ -100,7 +104,7 @@ TEST_F(policy, environment_state_and_send_files_policy)
         {{nullptr, " ", "1"}, 3, "Return 'evsDisabled' - NORVEL_DONOTSEND_FEEDBACK is set", true},
         {{nullptr, nullptr, "no", "1"}, 3, "Return 'evsDisabled' - NORVEL_DISABLE_FEEDBACK is set", false},
     };
-    probe_t probe("trovix", "1.0");
+    probe_t probe;
     for (const auto& row : rows) {
         scoped_env_t a(steps[0], row.values[0]), b(steps[1], row.values[1]),
             c(steps[2], row.values[2]), d(steps[3], row.values[3]);
@@ -144,13 +148,10 @@ TEST_F(policy, enablement_table)
         SCOPED_TRACE(std::string(row.variable ? row.variable : "-") + " " + row.node);
         scoped_env_t variable(row.variable ? row.variable : "NORVEL_UNUSED", "1");
         usemeter::detail::corporate_node_name = row.node;
-        boost::filesystem::remove(optin);
-        if (row.consent)
-            write_file(optin, row.consent);
+        place(optin, row.consent ? row.consent : "<missing>");
         lookups = 0;
         log_capture_t log("usemeter.statistic");
-        probe_t probe("trovix", "1.0");
-        EXPECT_EQ(probe.enabled(), row.expected);
+        EXPECT_EQ(probe_t().enabled(), row.expected);
         EXPECT_EQ(lookups, row.looked_up ? 1 : 0);
         EXPECT_EQ(log.messages(), row.messages);
     }
@@ -169,7 +170,7 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
                                  "usemeter_1_5_7::statistic_impl_t::load_uuid()";
         const std::string decide = "bool usemeter_1_5_7::statistic_impl_t::is_enabled() const";
         log_capture_t log("usemeter.statistic");
-        EXPECT_EQ(probe_t("trovix", "1.0").get_uuid(), "any text at all");
+        EXPECT_EQ(probe_t().get_uuid(), "any text at all");
         EXPECT_FALSE(file_exists(uuid_xml()));
         EXPECT_EQ(log.messages(true),
                   (lines_t{"ENTER: " + load, "EXIT:  " + load, "ENTER: " + decide, "ENTER: " + env_sig,
@@ -179,7 +180,7 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
     }
     enum outcome_t { kept, blank, replaced };
     const std::pair<std::string, outcome_t> rows[] = {
-        {"<none>", replaced},
+        {"<missing>", replaced},
         {"", replaced},
         {"<bag><UUID type=\"string\">", replaced},
         {"<other><UUID type=\"string\">X</UUID></other>", replaced},
@@ -190,11 +191,9 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.first);
-        boost::filesystem::remove(uuid_xml());
-        if (row.first != "<none>")
-            write_file(uuid_xml(), row.first);
+        place(uuid_xml(), row.first);
         log_capture_t log("usemeter.statistic");
-        probe_t probe("trovix", "1.0");
+        probe_t probe;
         const std::string uuid = probe.get_uuid();
         EXPECT_EQ(probe.enabled(), row.second != blank);
         if (row.second == replaced) {
@@ -203,7 +202,7 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
             ASSERT_EQ(basekit::load_variant_bag2(bag, uuid_xml(), "bag", false), 1);
             EXPECT_EQ(bag.get_variant("UUID", basekit::variant_t()).bytes(), uuid);
             EXPECT_EQ(bag.entries().size(), 1u);
-            EXPECT_EQ(probe_t("trovix", "1.0").get_uuid(), uuid);
+            EXPECT_EQ(probe_t().get_uuid(), uuid);
             continue;
         }
         EXPECT_EQ(read_file(uuid_xml()), row.first);
@@ -218,8 +217,7 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
 // Only the first token counts, and only "1" grants; the environment answers before the file.
 TEST_F(policy, consent_file_reading)
 {
-    probe_t probe("trovix", "1.0");
-    ASSERT_EQ(probe.optin(), optin);
+    probe_t probe;
     const struct {
         const char* variable;
         std::string content;  // "<missing>" and "<dir>" are what they say
@@ -237,11 +235,7 @@ TEST_F(policy, consent_file_reading)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.content);
         scoped_env_t variable(row.variable ? row.variable : "NORVEL_UNUSED", "1");
-        boost::filesystem::remove_all(optin);
-        if (row.content == "<dir>")
-            make_dirs(optin);
-        else if (row.content != "<missing>")
-            write_file(optin, row.content);
+        place(optin, row.content);
         log_capture_t log("usemeter.statistic");
         EXPECT_EQ(probe.get_user_consent(), row.expected);
         if (row.variable)  // the environment answers alone: the file is not opened
@@ -254,7 +248,7 @@ TEST_F(policy, consent_file_reading)
 
 TEST_F(policy, consent_writes_one_byte_and_refreshes_the_decision)
 {
-    probe_t probe("trovix", "1.0");
+    probe_t probe;
     EXPECT_FALSE(probe.enabled());
     write_file(optin, "1111\n");
     for (bool enabled : {false, true}) {
@@ -276,13 +270,12 @@ TEST_F(policy, consent_writes_one_byte_and_refreshes_the_decision)
 // file is shared by all products. HOME unset or empty means the working directory.
 TEST_F(policy, per_user_paths)
 {
-    EXPECT_EQ(probe_t("myprod", "1.0").settings(), home / "norvel/myprod/settings/statistic");
+    probe_t("myprod");
+    EXPECT_TRUE(file_exists(uuid_xml("myprod")));
     {
         locations_double_t locations;
         locations.product_dir = "ProdDir";
-        probe_t probe("myprod", "1.0");
-        EXPECT_EQ(probe.settings(), home / "norvel/ProdDir/settings/statistic");
-        EXPECT_EQ(probe.uuid_file(), uuid_xml("ProdDir"));
+        probe_t probe("myprod");
         EXPECT_TRUE(file_exists(uuid_xml("ProdDir")));
         EXPECT_EQ(probe.optin(), optin);
         probe.notify_feature_usage("scan.begin");  // a plain use is an event of value 1
@@ -293,7 +286,7 @@ TEST_F(policy, per_user_paths)
         temp_dir_t cwd;
         ASSERT_EQ(::chdir(cwd.path().c_str()), 0);
         scoped_env_t home_var("HOME", value);
-        EXPECT_EQ(probe_t("trovix", "1.0").optin(), "./norvel/optin");
+        EXPECT_EQ(probe_t().optin(), "./norvel/optin");
         EXPECT_TRUE(file_exists(cwd / "norvel/trovix/settings/statistic/uuid.xml"));
         EXPECT_EQ(::chdir(previous.c_str()), 0);
     }
@@ -306,7 +299,7 @@ TEST_F(policy, unusable_directories_leave_a_silent_object)
     {
         scoped_env_t home_var("HOME", (home / "plain").c_str());
         log_capture_t log("usemeter.statistic");
-        probe_t probe("trovix", "1.0");
+        probe_t probe;
         EXPECT_EQ(probe.get_uuid(), "");
         EXPECT_FALSE(probe.enabled());
         // The decision is never taken; one INFO record says why.
@@ -316,7 +309,7 @@ TEST_F(policy, unusable_directories_leave_a_silent_object)
     }
     // An identifier file that cannot be replaced still yields one for this process.
     make_dirs(uuid_xml());
-    EXPECT_TRUE(std::regex_match(probe_t("trovix", "1.0").get_uuid(), uuid_form));
+    EXPECT_TRUE(std::regex_match(probe_t().get_uuid(), uuid_form));
     EXPECT_TRUE(boost::filesystem::is_directory(uuid_xml()));
 }
 

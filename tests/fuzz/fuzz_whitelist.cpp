@@ -3,91 +3,51 @@
 // own (the whitelist is read only at construction). The collector and the proxy are a
 // closed loopback port, so the one body that is posted fails at once and the connector
 // drops every later one without touching the network.
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <set>
-#include <string>
 #include <vector>
 
-#include <boost/filesystem/operations.hpp>
-
+#include "../support/locations_double.hpp"
 #include "basekit/variant_bag.hpp"
 #include "fuzz_scratch.hpp"
 #include "usemeter/host_facts.hpp"
-#include "usemeter/product_locations.hpp"
 #include "usemeter/statistic_impl_ga.hpp"
 
 using usemeter_1_5_7::statistic_impl_ga_t;
 
 namespace {
 
-const char uuid[] = "0F1E2D3C-4B5A-4978-8796-A5B4C3D2E1F0";
-
-class locations_t : public prodenv::IProductLocations {
-public:
-    explicit locations_t(std::string data_dir) : data_dir_(std::move(data_dir)) {}
-    void getProductVersion(int& major, int& minor, int& update) const override
-    {
-        major = 1, minor = 0, update = 0;
-    }
-    const char* getProductDirName() const override { return nullptr; }
-    const char* getDataDir() const override { return data_dir_.c_str(); }
-    basekit::path_t getTempDir() const override { return basekit::path_t(data_dir_); }
-    bool isToolLookupQuiet() const override { return true; }
-
-private:
-    std::string data_dir_;
-};
-
 struct setup_t {
     fuzz::scratch_t scratch;
-    std::unique_ptr<locations_t> locations;
-    std::string whitelist_path;
+    usemeter_test::locations_double_t locations;
+    std::string whitelist_path = scratch.path("statistic/enabled_stat_events.xml");
     std::string prefix;
 
     setup_t()
     {
-        const std::string data_dir = scratch.path("data");
-        boost::filesystem::create_directories(data_dir + "/statistic");
-        whitelist_path = data_dir + "/statistic/enabled_stat_events.xml";
-        locations.reset(new locations_t(data_dir));
-        prodenv::IProductLocations::set(locations.get());
-
-        ::setenv("HOME", scratch.path("home").c_str(), 1);
-        for (const char* name : {"NORVEL_STATISTICS_DISABLE", "NORVEL_DONOTSEND_FEEDBACK",
-                                 "NORVEL_DISABLE_FEEDBACK", "no_proxy", "NO_PROXY"})
-            ::unsetenv(name);
+        boost::filesystem::create_directories(scratch.path("statistic"));
+        locations.data_dir = scratch.dir();
+        fuzz::policy_environment(scratch);
         ::setenv("NORVEL_FORCE_FEEDBACK", "1", 1);
-        ::setenv("NORVEL_FORCE_UUID", uuid, 1);
         // Both routes the connector tries end at a closed loopback port: the explicit proxy,
         // and the direct one, where libcurl itself honours http_proxy.
         ::setenv("http_proxy", "http://127.0.0.1:9", 1);
         statistic_impl_ga_t::ga_url = "http://127.0.0.1:9/collect";
 
-        prefix = std::string("v=1&tid=UA-12345678-42&cid=") + uuid + "&an=fuzz&av=1.0&cd1=posix&cd2=" +
-                 encode(usemeter_1_5_7::get_os_name());
+        prefix = std::string("v=1&tid=UA-12345678-42&cid=") + std::getenv("NORVEL_FORCE_UUID") +
+                 "&an=fuzz&av=1.0&cd1=posix&cd2=" + encode(usemeter_1_5_7::get_os_name());
     }
-    ~setup_t() { prodenv::IProductLocations::set(nullptr); }
 
     // libcurl's escaping as the wire format states it; the text ends at a NUL byte, as a C
     // string does.
     static std::string encode(const std::string& text)
     {
         std::string out;
-        for (unsigned char c : text) {
-            if (c == '\0')
-                break;
-            if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                c == '-' || c == '.' || c == '_' || c == '~') {
-                out.push_back(static_cast<char>(c));
-            } else {
-                char hex[4];
-                std::snprintf(hex, sizeof hex, "%%%02X", c);
-                out += hex;
-            }
-        }
+        for (unsigned char c : text.substr(0, text.find('\0')))
+            if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+                c == '.' || c == '_' || c == '~')
+                out += static_cast<char>(c);
+            else
+                out += {'%', "0123456789ABCDEF"[c >> 4], "0123456789ABCDEF"[c & 15]};
         return out;
     }
 };
@@ -123,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     static setup_t setup;
 
-    const std::string input(reinterpret_cast<const char*>(data), size);
+    const std::string input = fuzz::text(data, size);
     std::vector<std::string> lines;
     std::size_t start = 0;
     for (std::size_t end; (end = input.find('\n', start)) != std::string::npos; start = end + 1)
@@ -144,11 +104,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool expected = reference_event(backend.whitelisted_events(), name, expected_category, expected_label);
     FUZZ_CHECK(resolved == expected, resolved ? "resolved a name that must be dropped" : "dropped a name");
     if (resolved) {
-        FUZZ_CHECK(category == expected_category && label == expected_label, (category + " / " + label).c_str());
+        FUZZ_CHECK(category == expected_category && label == expected_label, category + " / " + label);
         const std::string body = backend.build_event_body(category, label);
         const std::string head = setup.prefix + "&t=event&ec=" + setup_t::encode(category) +
                                  (label.empty() ? std::string() : "&el=" + setup_t::encode(label)) + "&cd3=";
-        FUZZ_CHECK(body == head + "y" || body == head + "n", body.c_str());
+        FUZZ_CHECK(body == head + "y" || body == head + "n", body);
     }
 
     backend.notify_feature_usage_ex(name, size);

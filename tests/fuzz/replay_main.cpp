@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -19,16 +17,13 @@ int main(int argc, char** argv)
 {
     std::vector<fs::path> inputs;
     for (int i = 1; i < argc; ++i) {
-        const fs::path arg(argv[i]);
-        if (fs::is_regular_file(arg)) {
-            inputs.push_back(arg);
-        } else if (fs::is_directory(arg)) {
-            for (const fs::directory_entry& entry : fs::directory_iterator(arg)) {
-                // Dot files keep otherwise empty directories in version control.
-                if (fs::is_regular_file(entry.status()) &&
-                    entry.path().filename().string().front() != '.')
+        if (fs::is_regular_file(argv[i])) {
+            inputs.push_back(argv[i]);
+        } else if (fs::is_directory(argv[i])) {
+            // Dot files keep otherwise empty directories in version control.
+            for (const fs::directory_entry& entry : fs::directory_iterator(argv[i]))
+                if (fs::is_regular_file(entry.status()) && entry.path().filename().string().front() != '.')
                     inputs.push_back(entry.path());
-            }
         } else {
             std::fprintf(stderr, "%s: no such corpus: %s\n", argv[0], argv[i]);
             return 2;
@@ -40,16 +35,18 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "%s: no inputs to replay\n", argv[0]);
         return 2;
     }
-
     for (const fs::path& input : inputs) {
-        std::ifstream file(input.string(), std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-        if (!file.eof() && file.fail()) {
-            std::fprintf(stderr, "%s: cannot read %s\n", argv[0], input.string().c_str());
+        std::string bytes;
+        boost::system::error_code error;
+        bytes.resize(fs::file_size(input, error));
+        std::FILE* file = std::fopen(input.c_str(), "rb");
+        if (error || !file || std::fread(&bytes[0], 1, bytes.size(), file) != bytes.size()) {
+            std::fprintf(stderr, "%s: cannot read %s\n", argv[0], input.c_str());
             return 2;
         }
+        std::fclose(file);
         // Named before running, so the log says which input brought a crash.
-        std::fprintf(stderr, "replay %s (%zu bytes)\n", input.string().c_str(), bytes.size());
+        std::fprintf(stderr, "replay %s (%zu bytes)\n", input.c_str(), bytes.size());
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     }
     std::printf("%s: replayed %zu inputs\n", argv[0], inputs.size());

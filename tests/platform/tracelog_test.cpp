@@ -10,27 +10,27 @@
 
 namespace {
 
+const log4cplus::Logger logger = tracelog::log::component_logger("usemeter.test");
+
 // Runs body in a child with stderr captured; returns what it wrote there.
 template <class Body>
 std::string child_stderr(Body body)
 {
-    int pipe_fds[2];
-    if (::pipe(pipe_fds) != 0)
+    int fds[2];
+    if (::pipe(fds) != 0)
         return "pipe failed";
     const pid_t child = ::fork();
     if (child == 0) {
-        ::dup2(pipe_fds[1], 2);
-        ::close(pipe_fds[0]);
+        ::dup2(fds[1], 2);
         body();
         ::_exit(0);
     }
-    ::close(pipe_fds[1]);
+    ::close(fds[1]);
     std::string out;
     char buffer[256];
-    ssize_t n;
-    while ((n = ::read(pipe_fds[0], buffer, sizeof buffer)) > 0)
+    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;)
         out.append(buffer, static_cast<std::size_t>(n));
-    ::close(pipe_fds[0]);
+    ::close(fds[0]);
     ::waitpid(child, nullptr, 0);
     return out;
 }
@@ -38,7 +38,6 @@ std::string child_stderr(Body body)
 TEST(tracelog, an_unconfigured_host_sees_no_log4cplus_noise)
 {
     const std::string noise = child_stderr([] {
-        const log4cplus::Logger logger = tracelog::log::component_logger("usemeter.test");
         LOG4CPLUS_INFO(logger, "info");
         LOG4CPLUS_ERROR(logger, "error");
         TRACELOG_INFO(logger, "info");
@@ -48,8 +47,6 @@ TEST(tracelog, an_unconfigured_host_sees_no_log4cplus_noise)
 
 TEST(tracelog, records_reach_appenders_the_host_adds_anywhere_in_the_chain)
 {
-    const log4cplus::Logger logger = tracelog::log::component_logger("usemeter.test");
-    log4cplus::Logger root = log4cplus::Logger::getRoot();
     EXPECT_FALSE(tracelog::log::is_observed(logger, log4cplus::INFO_LOG_LEVEL));
     {
         usemeter_test::log_capture_t on_root("root");
@@ -61,7 +58,7 @@ TEST(tracelog, records_reach_appenders_the_host_adds_anywhere_in_the_chain)
         EXPECT_FALSE(tracelog::log::is_observed(logger, log4cplus::INFO_LOG_LEVEL));
         log4cplus::Logger::getInstance("usemeter.test").setAdditivity(true);
 
-        root.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+        log4cplus::Logger::getRoot().setLogLevel(log4cplus::WARN_LOG_LEVEL);
         EXPECT_FALSE(tracelog::log::is_observed(logger, log4cplus::INFO_LOG_LEVEL));
     }
     {
@@ -72,7 +69,6 @@ TEST(tracelog, records_reach_appenders_the_host_adds_anywhere_in_the_chain)
 
 TEST(tracelog, trace_scope_logs_enter_and_exit_also_on_early_return)
 {
-    const log4cplus::Logger logger = tracelog::log::component_logger("usemeter.test");
     usemeter_test::log_capture_t log("usemeter.test");
     auto traced = [&](bool early) {
         TRACELOG_SCOPE(logger, "int f(bool)");
@@ -83,10 +79,10 @@ TEST(tracelog, trace_scope_logs_enter_and_exit_also_on_early_return)
     };
     traced(true);
     traced(false);
-    const std::vector<std::string> expected = {"ENTER: int f(bool)", "EXIT:  int f(bool)", "ENTER: int f(bool)",
-                                               "failed 2, at file: tests/platform/tracelog_test.cpp:81",
-                                               "EXIT:  int f(bool)"};
-    EXPECT_EQ(log.messages(true), expected);
+    EXPECT_EQ(log.messages(true),
+              (std::vector<std::string>{"ENTER: int f(bool)", "EXIT:  int f(bool)", "ENTER: int f(bool)",
+                                        "failed 2, at file: tests/platform/tracelog_test.cpp:77",
+                                        "EXIT:  int f(bool)"}));
 }
 
 }  // namespace

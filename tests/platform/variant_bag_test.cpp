@@ -8,9 +8,7 @@
 
 using basekit::variant_bag_t;
 using basekit::variant_t;
-using usemeter_test::read_file;
-using usemeter_test::temp_dir_t;
-using usemeter_test::write_file;
+using namespace usemeter_test;
 
 namespace {
 
@@ -26,29 +24,28 @@ TEST(variant_bag, round_trip_keeps_types_order_and_repeated_names)
     bag.put("d", variant_t(0.25));
     bag.put("b", variant_t(true));
     bag.put("raw", variant_t::blob(std::string("\x00\xff", 2)));
-    for (int day : {20, 21, 22}) {
-        variant_bag_t& item = bag.add_bag("item");
-        item.put("D", variant_t(std::int32_t(day)));
-    }
+    for (int day : {20, 21, 22})
+        bag.add_bag("item").put("D", variant_t(std::int32_t(day)));
 
     const std::string path = dir / "state.xml";
     ASSERT_EQ(basekit::save_variant_bag2(bag, path, "bag"), 1);
     variant_bag_t loaded;
     ASSERT_EQ(basekit::load_variant_bag2(loaded, path, "bag", false), 1);
 
-    const variant_t none;
-    EXPECT_EQ(loaded.get_variant("UUID", none).get<std::string>(), "0F1E2D3C-4B5A-4978-8796-A5B4C3D2E1F0");
-    EXPECT_EQ(loaded.get_variant("text", none).get<std::string>(), "a <b> & \"c\"");
-    EXPECT_EQ(loaded.get_variant("i", none).get<std::int32_t>(), -7);
-    EXPECT_EQ(loaded.get_variant("i64", none).get<std::int64_t>(), std::int64_t(1) << 40);
-    EXPECT_EQ(loaded.get_variant("u64", none).get<std::uint64_t>(), 18446744073709551615ull);
-    EXPECT_EQ(loaded.get_variant("d", none).get<double>(), 0.25);
-    EXPECT_TRUE(loaded.get_variant("b", none).get<bool>());
-    EXPECT_EQ(loaded.get_variant("raw", none).bytes(), std::string("\x00\xff", 2));
+    const auto at = [&loaded](const char* name) { return loaded.get_variant(name, variant_t()); };
+    EXPECT_EQ(at("UUID").get<std::string>(), "0F1E2D3C-4B5A-4978-8796-A5B4C3D2E1F0");
+    EXPECT_EQ(at("text").get<std::string>(), "a <b> & \"c\"");
+    EXPECT_EQ(at("i").get<std::int32_t>(), -7);
+    EXPECT_EQ(at("i64").get<std::int64_t>(), std::int64_t(1) << 40);
+    EXPECT_EQ(at("u64").get<std::uint64_t>(), 18446744073709551615ull);
+    EXPECT_EQ(at("d").get<double>(), 0.25);
+    EXPECT_TRUE(at("b").get<bool>());
+    EXPECT_EQ(at("raw").kind(), variant_t::vt_blob);
+    EXPECT_EQ(at("raw").bytes(), std::string("\x00\xff", 2));
 
     std::vector<int> days;
     for (auto it = loaded.begin_by_name("item"); !it.at_end(); it.next())
-        days.push_back(it.get_value().get_variant("D", none).get<std::int32_t>());
+        days.push_back(it.get_value().get_variant("D", variant_t()).get<std::int32_t>());
     EXPECT_EQ(days, (std::vector<int>{20, 21, 22}));
 }
 
@@ -69,15 +66,13 @@ TEST(variant_bag, saved_form_is_the_documented_xml)
               "</bag>\n");
 }
 
-struct load_case {
-    const char* name;
-    std::string content;
-    int expected;
-};
-
 TEST(variant_bag, bad_files_and_bad_places_fail_without_throwing)
 {
-    const load_case cases[] = {
+    const struct {
+        const char* name;
+        std::string content;
+        int expected;
+    } cases[] = {
         {"empty", "", 0},
         {"truncated", "<?xml version=\"1.0\"?><bag><UUID type=\"string\">ab", 0},
         {"wrong root", "<other><UUID type=\"string\">x</UUID></other>", 0},
@@ -86,7 +81,7 @@ TEST(variant_bag, bad_files_and_bad_places_fail_without_throwing)
         {"well formed", "<bag/>", 1},
         {"comment before root", "<!-- c --><bag></bag>", 1},
     };
-    for (const load_case& c : cases) {
+    for (const auto& c : cases) {
         variant_bag_t bag;
         bag.put("stale", variant_t("value"));
         EXPECT_EQ(basekit::parse_variant_bag(bag, c.content, "bag"), c.expected) << c.name;
@@ -122,19 +117,16 @@ TEST(variant_bag, values_that_do_not_parse_as_their_type_load_as_empty)
 
 TEST(variant_bag, hostile_nesting_and_size_are_survived)
 {
-    std::string deep;
-    for (int i = 0; i < 100000; ++i)
-        deep += "<x type=\"bag\">";
+    const auto repeat = [](const std::string& text, int times) {
+        std::string out;
+        while (times-- > 0)
+            out += text;
+        return out;
+    };
     variant_bag_t bag;
-    EXPECT_EQ(basekit::parse_variant_bag(bag, "<bag>" + deep, "bag"), 0);  // unclosed
-
-    std::string closed = "<bag>";
-    for (int i = 0; i < 5000; ++i)
-        closed += "<x type=\"bag\">";
-    for (int i = 0; i < 5000; ++i)
-        closed += "</x>";
-    closed += "</bag>";
-    EXPECT_EQ(basekit::parse_variant_bag(bag, closed, "bag"), 1);
+    EXPECT_EQ(basekit::parse_variant_bag(bag, "<bag>" + repeat("<x type=\"bag\">", 100000), "bag"), 0);  // unclosed
+    EXPECT_EQ(basekit::parse_variant_bag(bag, "<bag>" + repeat("<x type=\"bag\">", 5000) + repeat("</x>", 5000) + "</bag>",
+                                         "bag"), 1);
 
     std::string huge = "<bag><UUID type=\"string\">" + std::string(8 << 20, 'A') + "</UUID></bag>";
     ASSERT_EQ(basekit::parse_variant_bag(bag, huge, "bag"), 1);

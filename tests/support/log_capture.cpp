@@ -1,47 +1,34 @@
 #include "support/log_capture.hpp"
 
 #include <algorithm>
+#include <mutex>
 
 #include <log4cplus/spi/loggingevent.h>
 
 namespace usemeter_test {
 
+// Appenders are called from the library's worker threads too.
 class log_capture_t::appender_t : public log4cplus::Appender {
 public:
     ~appender_t() override { destructorImpl(); }
     void close() override {}
 
-    std::vector<log_record_t> snapshot() const
-    {
-        std::lock_guard<std::mutex> guard(records_mutex_);
-        return records_;
-    }
-    void clear()
-    {
-        std::lock_guard<std::mutex> guard(records_mutex_);
-        records_.clear();
-    }
+    mutable std::mutex mutex;
+    std::vector<log_record_t> records;
 
 protected:
-    void append(const log4cplus::spi::InternalLoggingEvent& event) override
+    void append(const log4cplus::spi::InternalLoggingEvent& e) override
     {
-        std::lock_guard<std::mutex> guard(records_mutex_);
-        records_.push_back(log_record_t{event.getLogLevel(), event.getMessage(), event.getFile(),
-                                        event.getLine()});
+        std::lock_guard<std::mutex> guard(mutex);
+        records.push_back({e.getLogLevel(), e.getMessage(), e.getFile(), e.getLine()});
     }
-
-private:
-    mutable std::mutex records_mutex_;
-    std::vector<log_record_t> records_;
 };
 
-log_capture_t::log_capture_t(const std::string& logger_name)
-    : logger_(logger_name == "root" ? log4cplus::Logger::getRoot()
-                                    : log4cplus::Logger::getInstance(logger_name)),
+log_capture_t::log_capture_t(const std::string& name)
+    : logger_(name == "root" ? log4cplus::Logger::getRoot() : log4cplus::Logger::getInstance(name)),
       old_level_(logger_.getLogLevel()),
       appender_(new appender_t())
 {
-    appender_->setName("usemeter-test-capture");
     logger_.addAppender(appender_);
     logger_.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
 }
@@ -52,20 +39,23 @@ log_capture_t::~log_capture_t()
     logger_.setLogLevel(old_level_);
 }
 
+log_capture_t::appender_t& log_capture_t::recorder() const
+{
+    return static_cast<appender_t&>(*appender_);
+}
+
 std::vector<log_record_t> log_capture_t::records() const
 {
-    return static_cast<appender_t&>(*appender_).snapshot();
+    std::lock_guard<std::mutex> guard(recorder().mutex);
+    return recorder().records;
 }
 
 std::vector<std::string> log_capture_t::messages(bool with_traces) const
 {
     std::vector<std::string> out;
-    for (const log_record_t& record : records()) {
-        const bool is_trace = record.message.rfind("ENTER: ", 0) == 0 ||
-                              record.message.rfind("EXIT:  ", 0) == 0;
-        if (with_traces || !is_trace)
-            out.push_back(record.message);
-    }
+    for (const log_record_t& r : records())
+        if (with_traces || (r.message.rfind("ENTER: ", 0) != 0 && r.message.rfind("EXIT:  ", 0) != 0))
+            out.push_back(r.message);
     return out;
 }
 
@@ -77,7 +67,8 @@ bool log_capture_t::contains(const std::string& message) const
 
 void log_capture_t::clear()
 {
-    static_cast<appender_t&>(*appender_).clear();
+    std::lock_guard<std::mutex> guard(recorder().mutex);
+    recorder().records.clear();
 }
 
 }  // namespace usemeter_test

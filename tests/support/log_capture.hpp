@@ -2,7 +2,6 @@
 #ifndef USEMETER_TESTS_LOG_CAPTURE_HPP
 #define USEMETER_TESTS_LOG_CAPTURE_HPP
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -24,7 +23,6 @@ class log_capture_t {
 public:
     explicit log_capture_t(const std::string& logger_name);
     ~log_capture_t();
-
     log_capture_t(const log_capture_t&) = delete;
     log_capture_t& operator=(const log_capture_t&) = delete;
 
@@ -39,6 +37,7 @@ private:
     log4cplus::Logger logger_;
     log4cplus::LogLevel old_level_;
     log4cplus::SharedAppenderPtr appender_;
+    appender_t& recorder() const;
 };
 
 }  // namespace usemeter_test

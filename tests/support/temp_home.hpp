@@ -1,10 +1,9 @@
-// A temporary HOME for one test: created empty, exported as HOME, removed afterwards.
+// Temporary directories and environment for tests, undone on destruction.
 #ifndef USEMETER_TESTS_TEMP_HOME_HPP
 #define USEMETER_TESTS_TEMP_HOME_HPP
 
-#include <memory>
+#include <list>
 #include <string>
-#include <vector>
 
 namespace usemeter_test {
 
@@ -13,7 +12,6 @@ class scoped_env_t {
 public:
     scoped_env_t(const std::string& name, const char* value);
     ~scoped_env_t();
-
     scoped_env_t(const scoped_env_t&) = delete;
     scoped_env_t& operator=(const scoped_env_t&) = delete;
 
@@ -23,31 +21,14 @@ private:
     std::string old_value_;
 };
 
-// The variables that steer the library, unset for the lifetime of the object so that the
+// The variables that steer the library, unset for the object's lifetime so that the
 // developer's own environment cannot leak into a test.
 class clean_env_t {
 public:
     clean_env_t();
 
 private:
-    std::vector<std::unique_ptr<scoped_env_t>> vars_;
-};
-
-class temp_home_t {
-public:
-    temp_home_t();
-    ~temp_home_t();
-
-    temp_home_t(const temp_home_t&) = delete;
-    temp_home_t& operator=(const temp_home_t&) = delete;
-
-    const std::string& path() const { return path_; }
-    // path() + "/" + relative
-    std::string operator/(const std::string& relative) const { return path_ + "/" + relative; }
-
-private:
-    std::string path_;
-    scoped_env_t home_;
+    std::list<scoped_env_t> vars_;
 };
 
 // A fresh temporary directory, removed with everything in it on destruction.
@@ -55,7 +36,6 @@ class temp_dir_t {
 public:
     temp_dir_t();
     ~temp_dir_t();
-
     temp_dir_t(const temp_dir_t&) = delete;
     temp_dir_t& operator=(const temp_dir_t&) = delete;
 
@@ -66,10 +46,14 @@ private:
     std::string path_;
 };
 
-// Small file helpers for tests.
+// A temporary directory exported as HOME.
+class temp_home_t : public temp_dir_t {
+    scoped_env_t home_{"HOME", path().c_str()};
+};
+
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
-bool file_exists(const std::string& path);
+bool file_exists(const std::string& path);  // also for dangling links
 void make_dirs(const std::string& path);
 
 }  // namespace usemeter_test
