@@ -14,12 +14,13 @@
 
 // A failed property: print what differs and abort, which both libFuzzer and the replay
 // program report as a crash of this input.
-#define FUZZ_CHECK(condition, what)                                                                \
-    do {                                                                                           \
-        if (!(condition)) {                                                                        \
-            std::fprintf(stderr, "property failed: %s\n  %s\n", #condition, std::string(what).c_str()); \
-            std::abort();                                                                          \
-        }                                                                                          \
+#define FUZZ_CHECK(condition, what)                                                          \
+    do {                                                                                     \
+        if (!(condition)) {                                                                  \
+            const std::string what_ = (what);                                                \
+            std::fprintf(stderr, "property failed: %s\n  %s\n", #condition, what_.c_str());  \
+            std::abort();                                                                    \
+        }                                                                                    \
     } while (0)
 
 namespace fuzz {
