@@ -1,0 +1,136 @@
+// Host threads meeting the library's shared state at once, for ThreadSanitizer to judge: the
+// process-wide instance, backend lifetimes around the connector's worker, one connector fed by
+// many threads, and the bridge's identifier exchange.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/thread/barrier.hpp>
+
+#include "support/fake_tool.hpp"
+#include "support/http_server.hpp"
+#include "support/locations_double.hpp"
+#include "support/temp_home.hpp"
+#include "usemeter/orb_accessor.hpp"
+#include "usemeter/statistic.hpp"
+#include "usemeter/statistic_impl_ga.hpp"
+
+using namespace usemeter_test;
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int slowdown = 2;  // sanitized runs: fewer rounds, the same interleavings
+#else
+constexpr int slowdown = 1;
+#endif
+
+constexpr int thread_count = 8;
+
+// Runs body(index) on n threads at once and joins them.
+template <class Body>
+void run_together(int n, Body body)
+{
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i)
+        threads.emplace_back(body, i);
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+class concurrency_test : public ::testing::Test {
+protected:
+    clean_env_t clean_env;
+    temp_home_t home;
+    http_server_t proxy;
+    scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
+    scoped_env_t force{"NORVEL_FORCE_FEEDBACK", "1"};
+};
+
+TEST_F(concurrency_test, get_races_the_release_of_the_last_reference)
+{
+    // Each round one thread drops the only reference while the others ask for the instance.
+    boost::shared_ptr<usemeter::statistic_t> held = usemeter::statistic_t::get();
+    const std::string uuid = held->get_uuid();
+    ASSERT_EQ(uuid.size(), 36u);
+    boost::barrier barrier(thread_count);
+    std::atomic<int> bad{0};
+    run_together(thread_count, [&](int t) {
+        for (int round = 0; round < 40 / slowdown; ++round) {
+            barrier.wait();
+            if (t == round % thread_count) {
+                held.reset();
+            } else {
+                const boost::shared_ptr<usemeter::statistic_t> mine = usemeter::statistic_t::get();
+                bad += !mine || mine->get_uuid() != uuid;
+            }
+            barrier.wait();
+            if (t == 0)
+                held = usemeter::statistic_t::get();
+        }
+    });
+    EXPECT_EQ(bad.load(), 0);
+    EXPECT_EQ(proxy.request_count(), 0u);
+}
+
+TEST_F(concurrency_test, backends_come_and_go_around_their_workers)
+{
+    // Every 25th backend reports once, so some destructions wait on a transfer in flight.
+    const int cycles = 1000 / slowdown;
+    int reports = 0;
+    for (int i = 0; i < cycles; ++i) {
+        usemeter::statistic_impl_ga_t backend("trovix", "2016");
+        if (i % 25 == 0) {
+            backend.notify_feature_usage("run.cycle");
+            ++reports;
+        }
+    }
+    EXPECT_EQ(proxy.request_count(), static_cast<std::size_t>(reports));
+}
+
+TEST_F(concurrency_test, one_connector_takes_bodies_from_many_threads_in_each_threads_order)
+{
+    http_server_t collector;
+    scoped_env_t direct("http_proxy", nullptr);
+    const int per_thread = 50;
+    {
+        usemeter::http_connector_t connector(collector.url().c_str());
+        run_together(thread_count, [&](int t) {
+            for (int i = 0; i < per_thread; ++i) {
+                connector.post("t=" + std::to_string(t) + "&i=" + std::to_string(i));
+                EXPECT_EQ(connector.urlencode("a b&c"), "a%20b%26c");  // beside the worker's transfers
+            }
+        });
+    }
+    std::vector<int> next(thread_count, 0);
+    for (const http_request_t& request : collector.requests()) {
+        int t = -1, i = -1;
+        ASSERT_EQ(std::sscanf(request.body.c_str(), "t=%d&i=%d", &t, &i), 2) << request.body;
+        ASSERT_TRUE(t >= 0 && t < thread_count);
+        EXPECT_EQ(i, next[t]++) << "thread " << t;
+    }
+    EXPECT_EQ(next, std::vector<int>(thread_count, per_thread));
+}
+
+TEST_F(concurrency_test, bridge_hands_every_thread_the_tools_identifier)
+{
+    temp_dir_t tmp;
+    locations_double_t locations;
+    locations.temp_dir = tmp.path();
+    const std::string line = "0A1B2C3D-0000-4000-8000-00000000CAFE";
+    fake_tool_t tool(home / "norvel/orb/bin/ia32/norvelremotemon",
+                     on_argument("-u", "printf '%s\\n' " + shell_quote(line) + " > \"$2\""));
+    const usemeter::orb_accessor_impl_t bridge;
+    std::atomic<int> wrong{0};
+    run_together(thread_count, [&](int) {
+        for (int i = 0; i < 10 / slowdown + 1; ++i)
+            wrong += bridge.get_uuid() != line;
+    });
+    EXPECT_EQ(wrong.load(), 0);
+    EXPECT_TRUE(boost::filesystem::is_empty(tmp.path())) << "exchange or lock file left behind";
+    reap_children();
+}
+
+}  // namespace
