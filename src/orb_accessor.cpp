@@ -165,8 +165,8 @@ void orb_accessor_impl_t::notify_gui_start()
 void orb_accessor_impl_t::check_for_updates(const std::string& product_guid)
 {
     TRACELOG_SCOPE(logger,
-                   "virtual void usemeter_1_5_7::orb_accessor_impl_t::check_for_updates(const "
-                   "std::basic_string<char>&)");
+                   "virtual void usemeter_1_5_7::orb_accessor_impl_t::check_for_updates("
+                   "const std::basic_string<char, std::char_traits<char>, std::allocator<char>>&)");
     LOG4CPLUS_INFO(logger, "product_guid=" << product_guid);
     if (!is_check_for_updates_enabled()) {
         LOG4CPLUS_INFO(logger, "Check for updates disabled.");
@@ -188,8 +188,8 @@ const product_id_t& orb_accessor_impl_t::get_product_id() const
 std::string orb_accessor_impl_t::get_uuid() const
 {
     TRACELOG_SCOPE(logger,
-                   "virtual std::basic_string<char> usemeter_1_5_7::orb_accessor_impl_t::get_uuid() "
-                   "const");
+                   "virtual std::basic_string<char, std::char_traits<char>, std::allocator<char>> "
+                   "usemeter_1_5_7::orb_accessor_impl_t::get_uuid() const");
     const prodenv::IProductLocations* service = prodenv::IProductLocations::get();
     if (service == nullptr) {
         TRACELOG_ERROR(logger, "prodenv::IProductLocations::get() is NULL");
@@ -289,9 +289,10 @@ int orb_accessor_impl_t::invoke_orb(orb_tool_t tool, const std::vector<std::stri
                                     bool sync) const
 {
     TRACELOG_SCOPE(logger,
-                   "int usemeter_1_5_7::orb_accessor_impl_t::invoke_orb(usemeter_1_5_7::orb_"
-                   "accessor_impl_t::orb_tool_t, const std::vector<std::basic_string<char>>&, "
-                   "bool) const");
+                   "int usemeter_1_5_7::orb_accessor_impl_t::invoke_orb("
+                   "usemeter_1_5_7::orb_accessor_impl_t::orb_tool_t, "
+                   "const std::vector<std::basic_string<char, std::char_traits<char>, "
+                   "std::allocator<char>>>&, bool) const");
     LOG4CPLUS_INFO(logger, "tool=" << static_cast<int>(tool));
     LOG4CPLUS_INFO(logger, "sync=" << sync);
     // Disallowed calls look like a successful run to callers; that is intended.

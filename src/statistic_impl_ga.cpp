@@ -66,7 +66,8 @@ statistic_impl_ga_t::~statistic_impl_ga_t() = default;
 void statistic_impl_ga_t::notify_feature_usage_ex(const std::string& name, unsigned long long value)
 {
     TRACELOG_SCOPE(logger, "virtual void usemeter_1_5_7::statistic_impl_ga_t::notify_feature_usage_ex("
-                           "const std::string&, unsigned long long)");
+                           "const std::basic_string<char, std::char_traits<char>, std::allocator<char>>&, "
+                           "unsigned long long)");
     TRACELOG_INFO(logger, "feature_name=" << name << " value=" << value);
 
     // Days of use count whether or not anything may be sent.
