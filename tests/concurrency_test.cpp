@@ -11,6 +11,7 @@
 
 #include "support/fake_tool.hpp"
 #include "support/http_server.hpp"
+#include "support/loopback_user.hpp"
 #include "support/locations_double.hpp"
 #include "support/temp_home.hpp"
 #include "usemeter/orb_accessor.hpp"
@@ -40,14 +41,7 @@ void run_together(int n, Body body)
         thread.join();
 }
 
-class concurrency_test : public ::testing::Test {
-protected:
-    clean_env_t clean_env;
-    temp_home_t home;
-    http_server_t proxy;
-    scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
-    scoped_env_t force{"NORVEL_FORCE_FEEDBACK", "1"};
-};
+class concurrency_test : public ::testing::Test, protected loopback_user_t {};
 
 TEST_F(concurrency_test, get_races_the_release_of_the_last_reference)
 {

@@ -14,6 +14,7 @@
 #include <functional>
 
 #include "support/http_server.hpp"
+#include "support/loopback_user.hpp"
 #include "support/temp_home.hpp"
 #include "usemeter/active_user_detector.hpp"
 #include "usemeter/statistic_impl_ga.hpp"
@@ -187,14 +188,7 @@ struct net_case {
 
 void PrintTo(const net_case& c, std::ostream* out) { *out << c.name; }
 
-class network_fault : public ::testing::TestWithParam<net_case> {
-protected:
-    clean_env_t clean_env;
-    temp_home_t home;
-    http_server_t proxy;
-    scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
-    scoped_env_t force{"NORVEL_FORCE_FEEDBACK", "1"};
-};
+class network_fault : public ::testing::TestWithParam<net_case>, protected loopback_user_t {};
 
 TEST_P(network_fault, reports_return_at_once_and_destruction_is_bounded)
 {
