@@ -26,7 +26,7 @@
 #include <unistd.h>
 
 #include "support/http_server.hpp"
-#include "usemeter/http_connector.hpp"
+#include "usemeter/sys/http_connector.hpp"
 
 namespace {
 

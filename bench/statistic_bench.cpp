@@ -26,7 +26,7 @@
 #include "support/http_server.hpp"
 #include "support/locations_double.hpp"
 #include "support/temp_home.hpp"
-#include "usemeter/statistic_impl_ga.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
 
 namespace {
 

@@ -3,7 +3,18 @@ include(CMakePackageConfigHelpers)
 install(TARGETS usemeter EXPORT usemeterTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY include/usemeter DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The public headers, and apart from them the advanced ones of the library's other classes.
+install(FILES
+        include/usemeter/usemeter.h include/usemeter/export.h include/usemeter/statistic.hpp
+        include/usemeter/orb_accessor.hpp include/usemeter/product_locations.hpp
+        include/usemeter/path.hpp
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/usemeter)
+install(FILES
+        include/usemeter/sys/active_user_detector.hpp include/usemeter/sys/datetime.hpp
+        include/usemeter/sys/filelock.hpp include/usemeter/sys/host_facts.hpp
+        include/usemeter/sys/http_connector.hpp include/usemeter/sys/statistic_impl.hpp
+        include/usemeter/sys/statistic_impl_ga.hpp
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/usemeter/sys)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/usemeter)
 install(EXPORT usemeterTargets NAMESPACE usemeter:: DESTINATION ${config_dir})

@@ -1,11 +1,11 @@
-#include "usemeter/active_user_detector.hpp"
+#include "usemeter/sys/active_user_detector.hpp"
 
 #include <ctime>
 #include <unistd.h>
 
 #include "active_user_detector_detail.hpp"
 #include "basekit/variant_bag.hpp"
-#include "usemeter/filelock.hpp"
+#include "usemeter/sys/filelock.hpp"
 
 namespace usemeter_1_5_7 {
 

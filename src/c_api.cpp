@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "usemeter/statistic_impl_ga.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
 
 struct statistic_handle_t {
     usemeter_1_5_7::statistic_t* statistic;

@@ -1,4 +1,4 @@
-#include "usemeter/datetime.hpp"
+#include "usemeter/sys/datetime.hpp"
 
 #include <cstdio>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "usemeter/filelock.hpp"
+#include "usemeter/sys/filelock.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>

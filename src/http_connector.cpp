@@ -19,7 +19,7 @@
 //   by the 5-second transfer time-out, and once active is false later bodies are dropped
 //   without network access, so the join waits at most about one failing body's worth of
 //   time-outs. Only after the join are the handle and libcurl's global state released.
-#include "usemeter/http_connector.hpp"
+#include "usemeter/sys/http_connector.hpp"
 
 #include <cstdlib>
 #include <exception>

@@ -1,4 +1,4 @@
-#include "usemeter/statistic_impl.hpp"
+#include "usemeter/sys/statistic_impl.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -10,7 +10,7 @@
 #include "basekit/environ.hpp"
 #include "rtbase/strings.hpp"
 #include "tracelog/tracelog.hpp"
-#include "usemeter/filelock.hpp"
+#include "usemeter/sys/filelock.hpp"
 #include "usemeter/product_locations.hpp"
 
 namespace usemeter_1_5_7 {

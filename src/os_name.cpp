@@ -1,4 +1,4 @@
-#include "usemeter/host_facts.hpp"
+#include "usemeter/sys/host_facts.hpp"
 
 #include <fstream>
 

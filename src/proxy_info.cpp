@@ -1,4 +1,4 @@
-#include "usemeter/http_connector.hpp"
+#include "usemeter/sys/http_connector.hpp"
 
 #include <cstdlib>
 

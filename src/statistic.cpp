@@ -7,7 +7,7 @@
 #include <boost/weak_ptr.hpp>
 
 #include "usemeter/product_locations.hpp"
-#include "usemeter/statistic_impl_ga.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
 
 namespace usemeter_1_5_7 {
 

@@ -1,4 +1,4 @@
-#include "usemeter/statistic_impl.hpp"
+#include "usemeter/sys/statistic_impl.hpp"
 
 #include <fstream>
 
@@ -7,7 +7,7 @@
 #include "basekit/environ.hpp"
 #include "basekit/variant_bag.hpp"
 #include "tracelog/tracelog.hpp"
-#include "usemeter/host_facts.hpp"
+#include "usemeter/sys/host_facts.hpp"
 #include "usemeter/product_locations.hpp"
 
 namespace usemeter_1_5_7 {

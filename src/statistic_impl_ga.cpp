@@ -1,10 +1,10 @@
-#include "usemeter/statistic_impl_ga.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
 
 #include <log4cplus/loggingmacros.h>
 
 #include "basekit/variant_bag.hpp"
 #include "tracelog/tracelog.hpp"
-#include "usemeter/host_facts.hpp"
+#include "usemeter/sys/host_facts.hpp"
 #include "usemeter/product_locations.hpp"
 
 namespace usemeter_1_5_7 {

@@ -6,7 +6,7 @@
 #include "active_user_detector_detail.hpp"
 #include "basekit/variant_bag.hpp"
 #include "support/temp_home.hpp"
-#include "usemeter/active_user_detector.hpp"
+#include "usemeter/sys/active_user_detector.hpp"
 
 using usemeter_1_5_7::active_user_detector_t;
 using namespace usemeter_test;

@@ -16,7 +16,7 @@
 #include "support/temp_home.hpp"
 #include "usemeter/orb_accessor.hpp"
 #include "usemeter/statistic.hpp"
-#include "usemeter/statistic_impl_ga.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
 
 using namespace usemeter_test;
 

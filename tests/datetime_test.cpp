@@ -5,7 +5,7 @@
 #include <sys/time.h>
 
 #include "support/temp_home.hpp"
-#include "usemeter/datetime.hpp"
+#include "usemeter/sys/datetime.hpp"
 
 namespace {
 

@@ -16,8 +16,8 @@
 #include "support/http_server.hpp"
 #include "support/loopback_user.hpp"
 #include "support/temp_home.hpp"
-#include "usemeter/active_user_detector.hpp"
-#include "usemeter/statistic_impl_ga.hpp"
+#include "usemeter/sys/active_user_detector.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
 
 extern char** environ;
 

@@ -10,7 +10,7 @@
 #include <boost/filesystem.hpp>
 
 #include "support/temp_home.hpp"
-#include "usemeter/filelock.hpp"
+#include "usemeter/sys/filelock.hpp"
 
 namespace {
 

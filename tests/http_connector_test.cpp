@@ -5,7 +5,7 @@
 
 #include "support/http_server.hpp"
 #include "support/temp_home.hpp"
-#include "usemeter/http_connector.hpp"
+#include "usemeter/sys/http_connector.hpp"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "network_status_detail.hpp"
-#include "usemeter/statistic_impl.hpp"
+#include "usemeter/sys/statistic_impl.hpp"
 
 using namespace usemeter_1_5_7;
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "support/temp_home.hpp"
-#include "usemeter/http_connector.hpp"
+#include "usemeter/sys/http_connector.hpp"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include "support/locations_double.hpp"
 #include "support/log_capture.hpp"
 #include "support/temp_home.hpp"
-#include "usemeter/host_facts.hpp"
+#include "usemeter/sys/host_facts.hpp"
 #include "usemeter/statistic.hpp"
-#include "usemeter/statistic_impl_ga.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
 
 extern char** environ;
 

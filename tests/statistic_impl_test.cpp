@@ -13,7 +13,7 @@
 #include "support/locations_double.hpp"
 #include "support/log_capture.hpp"
 #include "support/temp_home.hpp"
-#include "usemeter/statistic_impl.hpp"
+#include "usemeter/sys/statistic_impl.hpp"
 
 using usemeter::statistic_impl_t;
 using namespace usemeter_test;

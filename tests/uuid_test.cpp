@@ -5,7 +5,7 @@
 
 #include "host_facts_detail.hpp"
 #include "support/temp_home.hpp"
-#include "usemeter/host_facts.hpp"
+#include "usemeter/sys/host_facts.hpp"
 
 namespace {
 

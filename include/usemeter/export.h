@@ -9,4 +9,10 @@
 #define USEMETER_API
 #endif
 
+#ifdef __cplusplus
+/* Every C++ header of the library brings the short name of its versioned namespace. */
+namespace usemeter_1_5_7 {}
+namespace usemeter = usemeter_1_5_7;
+#endif
+
 #endif

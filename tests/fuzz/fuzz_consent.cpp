@@ -6,7 +6,7 @@
 
 #include "fuzz_scratch.hpp"
 #include "network_status_detail.hpp"
-#include "usemeter/statistic_impl.hpp"
+#include "usemeter/sys/statistic_impl.hpp"
 
 namespace {
 

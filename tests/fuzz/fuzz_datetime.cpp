@@ -1,7 +1,7 @@
 // The date-time parser: any text gives either the invalid value or a normalised time that
 // prints back to text which parses to the same instant.
 #include "fuzz_scratch.hpp"
-#include "usemeter/datetime.hpp"
+#include "usemeter/sys/datetime.hpp"
 
 using usemeter_1_5_7::datetime_t;
 

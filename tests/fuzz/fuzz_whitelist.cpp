@@ -9,8 +9,8 @@
 #include "../support/locations_double.hpp"
 #include "basekit/variant_bag.hpp"
 #include "fuzz_scratch.hpp"
-#include "usemeter/host_facts.hpp"
-#include "usemeter/statistic_impl_ga.hpp"
+#include "usemeter/sys/host_facts.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
 
 using usemeter_1_5_7::statistic_impl_ga_t;
 

@@ -23,7 +23,16 @@ check() {  # check <header> <source name> <compiler and flags...>
 for path in "$include_dir"/usemeter/*.h; do
     check "${path##*/}" alone.c "$cc" -std=c99 -Wall -Wextra -pedantic -Werror
 done
-for path in "$include_dir"/usemeter/*.h "$include_dir"/usemeter/*.hpp; do
-    check "${path##*/}" alone.cpp "$cxx" -std=c++17 -Wall -Wextra -Werror
+for path in "$include_dir"/usemeter/*.h "$include_dir"/usemeter/*.hpp "$include_dir"/usemeter/sys/*.hpp; do
+    check "${path#"$include_dir"/usemeter/}" alone.cpp "$cxx" -std=c++17 -Wall -Wextra -Werror
 done
+# A host that includes only the public headers needs no Boost.Thread, Boost.Filesystem or curl.
+for path in "$include_dir"/usemeter/*.h*; do
+    printf '#include <usemeter/%s>\n' "${path##*/}"
+done >"$work/all_public.cpp"
+if "$cxx" -std=c++17 -I"$include_dir" -H -fsyntax-only "$work/all_public.cpp" 2>&1 |
+        grep -E 'boost/(thread|filesystem)|curl/'; then
+    echo "public headers pull in advanced dependencies"
+    failed=1
+fi
 exit $failed

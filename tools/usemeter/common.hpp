@@ -14,7 +14,7 @@
 #include <log4cplus/appender.h>
 #include <log4cplus/logger.h>
 
-#include "usemeter/statistic_impl_ga.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
 
 namespace usemeter_tool {
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "common.hpp"
-#include "usemeter/active_user_detector.hpp"
-#include "usemeter/http_connector.hpp"
+#include "usemeter/sys/active_user_detector.hpp"
+#include "usemeter/sys/http_connector.hpp"
 #include "usemeter/orb_accessor.hpp"
 
 namespace usemeter_tool {

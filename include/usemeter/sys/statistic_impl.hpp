@@ -1,3 +1,5 @@
+// Advanced interface: for tools and embedders that need the library's internals; hosts use the
+// public headers one level up.
 // The policy core: per-user paths, the anonymous identifier and the decision whether
 // anything may be sent. Abstract; statistic_impl_ga_t is the concrete backend.
 #ifndef USEMETER_STATISTIC_IMPL_HPP

@@ -1,3 +1,5 @@
+// Advanced interface: for tools and embedders that need the library's internals; hosts use the
+// public headers one level up.
 // Facts about the host: random identifiers and the distribution's name.
 #ifndef USEMETER_HOST_FACTS_HPP
 #define USEMETER_HOST_FACTS_HPP

@@ -1,3 +1,5 @@
+// Advanced interface: for tools and embedders that need the library's internals; hosts use the
+// public headers one level up.
 // Posts request bodies to one URL from a background thread; see http_connector.cpp for
 // the threading protocol.
 #ifndef USEMETER_HTTP_CONNECTOR_HPP

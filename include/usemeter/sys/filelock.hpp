@@ -1,3 +1,5 @@
+// Advanced interface: for tools and embedders that need the library's internals; hosts use the
+// public headers one level up.
 // A non-blocking lock between processes: holding it means having created the empty
 // file "<guarded name>.lock" exclusively. A lock file left by a dead process blocks
 // until someone deletes it; callers retry a few times and then go on without the file.

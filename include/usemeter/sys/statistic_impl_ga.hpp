@@ -1,3 +1,5 @@
+// Advanced interface: for tools and embedders that need the library's internals; hosts use the
+// public headers one level up.
 // The analytics backend: turns each permitted feature use into one Measurement
 // Protocol v1 event hit and hands it to the connector's background thread.
 #ifndef USEMETER_STATISTIC_IMPL_GA_HPP
@@ -6,9 +8,9 @@
 #include <set>
 #include <string>
 
-#include "usemeter/active_user_detector.hpp"
-#include "usemeter/http_connector.hpp"
-#include "usemeter/statistic_impl.hpp"
+#include "usemeter/sys/active_user_detector.hpp"
+#include "usemeter/sys/http_connector.hpp"
+#include "usemeter/sys/statistic_impl.hpp"
 
 namespace usemeter_1_5_7 {
 

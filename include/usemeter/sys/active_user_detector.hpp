@@ -1,3 +1,5 @@
+// Advanced interface: for tools and embedders that need the library's internals; hosts use the
+// public headers one level up.
 // Remembers the last days of use ("last_active_dates.xml") and tells whether the user
 // counts as active: four distinct days on record, the oldest within the last year.
 #ifndef USEMETER_ACTIVE_USER_DETECTOR_HPP

@@ -1,3 +1,5 @@
+// Advanced interface: for tools and embedders that need the library's internals; hosts use the
+// public headers one level up.
 // A UTC calendar time with one-second resolution and the text form YYYY-MM-DDTHH:MM:SSZ.
 #ifndef USEMETER_DATETIME_HPP
 #define USEMETER_DATETIME_HPP
