@@ -72,6 +72,25 @@ std::string product_options_t::effective_version() const
     return !version.empty() ? version : !product_version.empty() ? product_version : "unknown";
 }
 
+product_command_t::product_command_t(const std::string& name, const std::string& arguments)
+    : options(name + " options"), usage("usemeter " + name + " [options]" + arguments)
+{
+    product.add_to(options);
+}
+
+bool product_command_t::parse(int argc, char** argv, bool takes_arguments)
+{
+    return parse_command_line(argc, argv, usage, options, values, takes_arguments);
+}
+
+std::vector<std::string> product_command_t::names() const
+{
+    const std::vector<std::string> given = positional(values);
+    if (given.empty())
+        throw usage_error("missing feature name (usage: " + usage + ")");
+    return given;
+}
+
 namespace {
 
 void parse_version_triple(const std::string& text, int (&parts)[3])

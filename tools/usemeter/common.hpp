@@ -46,6 +46,22 @@ struct product_options_t {
     std::string effective_version() const;
 };
 
+// The shared preamble of the library commands: the product options plus the command's own
+// (added to `options` before parse()).
+struct product_command_t {
+    product_command_t(const std::string& name, const std::string& arguments);
+
+    product_options_t product;
+    po::options_description options;
+    po::variables_map values;
+    std::string usage;
+
+    // False when --help was given and printed.
+    bool parse(int argc, char** argv, bool takes_arguments);
+    // The feature names given; a usage error when there are none.
+    std::vector<std::string> names() const;
+};
+
 // The host side of one command: the log configuration loaded, the locations service the
 // flags ask for installed (uninstalled on destruction), and the backend built as a host
 // builds it, with the library's construction-time decision records.

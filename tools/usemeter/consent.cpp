@@ -33,19 +33,15 @@ void record(usemeter::statistic_impl_ga_t& statistic, bool given)
 
 int run_consent(int argc, char** argv)
 {
-    product_options_t product;
-    po::options_description options("consent options");
-    product.add_to(options);
-    po::variables_map values;
-    if (!parse_command_line(argc, argv, "usemeter consent [options] [show|yes|no]", options,
-                            values, true))
+    product_command_t command("consent", " [show|yes|no]");
+    if (!command.parse(argc, argv, true))
         return exit_ok;
-    const std::vector<std::string> args = positional(values);
+    const std::vector<std::string> args = positional(command.values);
     const std::string action = args.empty() ? "show" : args.front();
     if (args.size() > 1 || (action != "show" && action != "yes" && action != "no"))
         throw usage_error("expected one of show, yes, no; got '" + join(args, " ") + "'");
 
-    product_session_t session(product);
+    product_session_t session(command.product);
     usemeter::statistic_impl_ga_t& statistic = *session.statistic;
     if (action != "show")
         record(statistic, action == "yes");

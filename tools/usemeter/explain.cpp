@@ -34,18 +34,13 @@ void explain_name(usemeter::statistic_impl_ga_t& statistic, const std::string& n
 
 int run_explain(int argc, char** argv)
 {
-    product_options_t product;
-    po::options_description options("explain options");
-    product.add_to(options);
-    po::variables_map values;
-    if (!parse_command_line(argc, argv, "usemeter explain [options] NAME...", options, values, true))
+    product_command_t command("explain", " NAME...");
+    if (!command.parse(argc, argv, true))
         return exit_ok;
-    const std::vector<std::string> names = positional(values);
-    if (names.empty())
-        throw usage_error("missing feature name (usage: usemeter explain [options] NAME...)");
-
-    product_session_t session(product);
+    const std::vector<std::string> names = command.names();
+    product_session_t session(command.product);
     usemeter::statistic_impl_ga_t& statistic = *session.statistic;
+    const product_options_t& product = command.product;
     const std::string whitelist = usemeter::statistic_impl_ga_t::whitelist_path();
     std::cout << product.product << " " << product.effective_version() << ", whitelist "
               << (whitelist.empty() ? "(none: no data directory)"

@@ -22,17 +22,13 @@ std::string fate(usemeter::statistic_impl_ga_t& statistic, bool sending, const s
 
 int run_report(int argc, char** argv)
 {
-    product_options_t product;
+    product_command_t command("report", " NAME...");
     bool quiet = false;
-    po::options_description options("report options");
-    product.add_to(options);
-    options.add_options()("quiet,q", po::bool_switch(&quiet), "print nothing but errors");
-    po::variables_map values;
-    if (!parse_command_line(argc, argv, "usemeter report [options] NAME...", options, values, true))
+    command.options.add_options()("quiet,q", po::bool_switch(&quiet), "print nothing but errors");
+    if (!command.parse(argc, argv, true))
         return exit_ok;
-    const std::vector<std::string> names = positional(values);
-    if (names.empty())
-        throw usage_error("missing feature name (usage: usemeter report [options] NAME...)");
+    const std::vector<std::string> names = command.names();
+    const product_options_t& product = command.product;
 
     product_session_t session(product);
     usemeter::statistic_impl_ga_t& statistic = *session.statistic;

@@ -201,14 +201,12 @@ void print_text(const json& value, int depth)
 
 int run_status(int argc, char** argv)
 {
-    product_options_t product;
+    product_command_t command("status", "");
     bool as_json = false;
-    po::options_description options("status options");
-    product.add_to(options);
-    options.add_options()("json", po::bool_switch(&as_json), "print one JSON object for scripts");
-    po::variables_map values;
-    if (!parse_command_line(argc, argv, "usemeter status [options]", options, values, false))
+    command.options.add_options()("json", po::bool_switch(&as_json), "print one JSON object for scripts");
+    if (!command.parse(argc, argv, false))
         return exit_ok;
+    const product_options_t& product = command.product;
 
     const product_session_t session(product);
     const json status = collect_status(session);
