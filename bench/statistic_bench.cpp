@@ -3,7 +3,8 @@
 // - enabled: one notify_feature_usage with a whitelisted name on an enabled backend whose hits
 //   go to a loopback proxy, against the floor: the same body built by plain concatenation and
 //   pushed into a boost::sync_queue whose consumer thread waits on it the same way.
-// - disabled: the same call on a backend switched off by the environment.
+// - disabled: the same call on a backend switched off by the environment. Its floor is the
+//   INFO level test and the activity record, which every call makes even with sending off.
 // - hanging route: per-call 99th percentile while the proxy holds every request, against the
 //   healthy figure (the host never waits on the network).
 // - memory: resident-set growth of 100,000 hits queued behind the hanging proxy, against the
@@ -24,7 +25,7 @@
 #include <boost/thread/sync_queue.hpp>
 
 #include "support/http_server.hpp"
-#include "support/locations_double.hpp"
+#include "prodenv/fixed_locations.hpp"
 #include "support/temp_home.hpp"
 #include "usemeter/sys/statistic_impl_ga.hpp"
 
@@ -47,7 +48,7 @@ struct setting_t {
     usemeter_test::http_server_t proxy;
     usemeter_test::scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
     usemeter_test::scoped_env_t force{"NORVEL_FORCE_FEEDBACK", "1"};
-    usemeter_test::locations_double_t locations;
+    prodenv::fixed_locations_t locations;
 
     setting_t()
     {
@@ -188,7 +189,7 @@ int main(int argc, char** argv)
 
     const double memory = memory_growth_ratio();
     std::printf("RATIO notify_enabled_vs_floor %.2f (target <= 1.5)\n", mean_ns["enabled"] / mean_ns["floor"]);
-    std::printf("RATIO notify_disabled_vs_enabled %.3f (target <= 0.1)\n", mean_ns["disabled"] / mean_ns["enabled"]);
+    std::printf("RATIO notify_disabled_vs_enabled %.3f (target <= 0.3)\n", mean_ns["disabled"] / mean_ns["enabled"]);
     std::printf("RATIO notify_p99_hanging_vs_healthy %.2f (target <= 2.0)\n", p99_ns["hanging"] / p99_ns["enabled"]);
     std::printf("RATIO queued_memory_vs_body_bytes %.2f (target <= 2.0)\n", memory);
     std::printf("(means: floor %.0f ns, enabled %.0f ns, disabled %.0f ns; p99: enabled %.0f ns, hanging %.0f ns)\n",

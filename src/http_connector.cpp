@@ -21,6 +21,7 @@
 //   time-outs. Only after the join are the handle and libcurl's global state released.
 #include "usemeter/sys/http_connector.hpp"
 
+#include <atomic>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -34,6 +35,15 @@ static_assert(LIBCURL_VERSION_NUM >= 0x075200,
               "urlencode() needs a libcurl whose escaping does not touch the easy handle");
 
 namespace usemeter_1_5_7 {
+
+namespace {
+std::atomic<std::uint32_t> delivered_bodies{0};
+}
+
+std::uint32_t http_connector_t::delivered_total()
+{
+    return delivered_bodies.load();
+}
 
 // libcurl's default write callback would print the response body to stdout.
 size_t http_connector_t::discard_response(char*, size_t size, size_t nmemb, void*)
@@ -129,8 +139,10 @@ void http_connector_t::perform_post(std::string data)
         long status = 0;
         if (curl_easy_perform(curl) == CURLE_OK
             && curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK
-            && status == 200)
-            return;  // current_proxy stays: the next body starts with the route that worked
+            && status == 200) {
+            ++delivered_bodies;
+            return;
+        }  // current_proxy stays: the next body starts with the route that worked
         current_proxy = (current_proxy + 1) % n;
     }
     active = false;

@@ -16,6 +16,15 @@ namespace detail {
 const char* corporate_node_name = USEMETER_CORPORATE_DOMAIN;
 lookup_fn lookup = &::getaddrinfo;
 
+}  // namespace detail
+
+const char* get_corporate_node_name()
+{
+    return detail::corporate_node_name;
+}
+
+namespace detail {
+
 int classify_lookup(int gai_error, const addrinfo* list)
 {
     if (gai_error != 0) {

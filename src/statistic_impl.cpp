@@ -178,6 +178,12 @@ bool statistic_impl_t::is_enabled() const
     return get_user_consent() == ucGranted;
 }
 
+bool statistic_impl_t::consults_network() const
+{
+    // The order of is_enabled(): only an open decision with an identifier reaches the test.
+    return !uuid_.empty() && get_env_vars_state() == evsEnabled;
+}
+
 int statistic_impl_t::get_user_consent() const
 {
     switch (get_env_vars_state()) {

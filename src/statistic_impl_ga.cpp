@@ -17,8 +17,9 @@ const char* const measurement_tracking_id = "UA-12345678-42";
 const char* const os_family = "posix";
 const std::string run_prefix = "run.";
 
-// Where the host product keeps the event whitelist; empty without a locations service.
-std::string whitelist_path()
+}  // namespace
+
+std::string statistic_impl_ga_t::whitelist_path()
 {
     const prodenv::IProductLocations* locations = prodenv::IProductLocations::get();
     const char* data_dir = locations ? locations->getDataDir() : nullptr;
@@ -26,8 +27,6 @@ std::string whitelist_path()
         return std::string();
     return basekit::path_t(data_dir).append("statistic").append("enabled_stat_events.xml").as_string();
 }
-
-}  // namespace
 
 const char* statistic_impl_ga_t::ga_url = "http://www.google-analytics.com/collect";
 

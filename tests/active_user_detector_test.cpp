@@ -33,14 +33,11 @@ std::string text(const date_t& d)
 
 void write_history(const temp_dir_t& dir, const std::vector<date_t>& dates)
 {
-    basekit::variant_bag_t bag;
-    for (const date_t& d : dates) {
-        basekit::variant_bag_t& item = bag.add_bag("item");
-        item.put("Y", basekit::variant_t(d.year));
-        item.put("M", basekit::variant_t(d.month));
-        item.put("D", basekit::variant_t(d.day));
-    }
-    ASSERT_EQ(basekit::save_variant_bag2(bag, history_file(dir), "bag"), 1);
+    std::string items;
+    for (const date_t& d : dates)
+        items += "<item type=\"bag\"><Y type=\"int\">" + std::to_string(d.year) + "</Y><M type=\"int\">" +
+                 std::to_string(d.month) + "</M><D type=\"int\">" + std::to_string(d.day) + "</D></item>";
+    write_file(history_file(dir), "<bag>" + items + "</bag>");
 }
 
 // The saved days as "Y-M-D" texts; empty when the file does not load.

@@ -10,10 +10,10 @@
 #include <boost/filesystem/operations.hpp>
 
 #include "network_status_detail.hpp"
+#include "prodenv/fixed_locations.hpp"
 #include "support/http_server.hpp"
-#include "support/locations_double.hpp"
-#include "support/log_capture.hpp"
 #include "support/temp_home.hpp"
+#include "tracelog/log_capture.hpp"
 #include "usemeter/sys/host_facts.hpp"
 #include "usemeter/statistic.hpp"
 #include "usemeter/sys/statistic_impl_ga.hpp"
@@ -51,7 +51,7 @@ protected:
     temp_dir_t data;
     http_server_t proxy;
     scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
-    std::unique_ptr<locations_double_t> locations = std::make_unique<locations_double_t>();
+    std::unique_ptr<prodenv::fixed_locations_t> locations = std::make_unique<prodenv::fixed_locations_t>();
     const char* saved_corporate_node = usemeter_1_5_7::detail::corporate_node_name;
 
     e2e()
@@ -148,7 +148,7 @@ TEST_F(e2e, disabled_refused_or_excluded_collection_sends_nothing)
 {
     {
         scoped_env_t disable("NORVEL_STATISTICS_DISABLE", "0");
-        log_capture_t log("usemeter.statistic");
+        tracelog::log_capture_t log("usemeter.statistic");
         EXPECT_TRUE(run({"gui.start", "run.x"}).empty());
         EXPECT_TRUE(log.contains("feature_name=gui.start value=1"));
         EXPECT_TRUE(log.contains("Return 'false' - statistic disabled due to environment variables"));
@@ -223,7 +223,7 @@ TEST_F(e2e, inert_operations_send_nothing)
 // The facade: one process-wide instance while held, a new one after release.
 TEST_F(e2e, facade_is_one_instance_while_held_and_a_new_one_after_release)
 {
-    log_capture_t log("usemeter.statistic");
+    tracelog::log_capture_t log("usemeter.statistic");
     const auto constructions = [&log] {
         std::size_t n = 0;
         for (const std::string& message : log.messages(true))
@@ -244,7 +244,7 @@ TEST_F(e2e, facade_version_comes_from_the_service_or_is_unknown)
     scoped_env_t force("NORVEL_FORCE_FEEDBACK", "1");
     locations.reset();
     statistic_t::get()->notify_feature_usage("run.a");
-    locations = std::make_unique<locations_double_t>();
+    locations = std::make_unique<prodenv::fixed_locations_t>();
     locations->data_dir = data.path();
     statistic_t::get()->notify_feature_usage("run.b");
     const strings_t sent = bodies();

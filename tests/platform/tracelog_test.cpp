@@ -5,7 +5,7 @@
 
 #include <log4cplus/nullappender.h>
 
-#include "support/log_capture.hpp"
+#include "tracelog/log_capture.hpp"
 #include "tracelog/tracelog.hpp"
 
 namespace {
@@ -49,7 +49,7 @@ TEST(tracelog, records_reach_appenders_the_host_adds_anywhere_in_the_chain)
 {
     EXPECT_FALSE(tracelog::log::is_observed(logger, log4cplus::INFO_LOG_LEVEL));
     {
-        usemeter_test::log_capture_t on_root("root");
+        tracelog::log_capture_t on_root("root");
         EXPECT_TRUE(tracelog::log::is_observed(logger, log4cplus::INFO_LOG_LEVEL));
         TRACELOG_INFO(logger, "seen " << 1);
         EXPECT_TRUE(on_root.contains("seen 1"));
@@ -62,14 +62,14 @@ TEST(tracelog, records_reach_appenders_the_host_adds_anywhere_in_the_chain)
         EXPECT_FALSE(tracelog::log::is_observed(logger, log4cplus::INFO_LOG_LEVEL));
     }
     {
-        usemeter_test::log_capture_t on_own("usemeter.test");
+        tracelog::log_capture_t on_own("usemeter.test");
         EXPECT_TRUE(tracelog::log::is_observed(logger, log4cplus::INFO_LOG_LEVEL));
     }
 }
 
 TEST(tracelog, trace_scope_logs_enter_and_exit_also_on_early_return)
 {
-    usemeter_test::log_capture_t log("usemeter.test");
+    tracelog::log_capture_t log("usemeter.test");
     auto traced = [&](bool early) {
         TRACELOG_SCOPE(logger, "int f(bool)");
         if (early)

@@ -37,6 +37,7 @@ public:
     bool is_active_user();
     // The remembered days as kept, oldest first (for inspection tools).
     const std::vector<date_t>& history() const { return dates; }
+    const std::string& path() const { return file_path; }
 
 private:
     std::vector<date_t> dates;

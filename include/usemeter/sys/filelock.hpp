@@ -23,6 +23,7 @@ public:
     bool lock();
     void unlock();
     bool is_locked() const;
+    const basekit::path_t& path() const { return lock_path; }
 
 private:
     bool locked;

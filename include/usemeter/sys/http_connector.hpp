@@ -34,6 +34,9 @@ public:
     void post(std::string&& data);
     // libcurl's URL escaping; safe on any thread while the worker transfers.
     std::string urlencode(const std::string& text);
+    // Bodies answered 200 by all connectors of this process so far (for inspection tools:
+    // read it after destroying a connector to count what that one delivered).
+    static std::uint32_t delivered_total();
 
 private:
     void backgroundThread();

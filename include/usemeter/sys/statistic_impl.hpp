@@ -46,6 +46,14 @@ public:
     bool is_enabled() const;
     bool is_send_files_disabled() const;
 
+    // Read-only views for inspection tools: what the constructor resolved, and whether the
+    // decision asks the corporate-network test (a non-empty identifier and the environment
+    // leaving the decision open). Paths are empty when the directories could not be made.
+    const std::string& consent_path() const { return optin_path_; }
+    const std::string& uuid_path() const { return uuid_path_; }
+    const boost::filesystem::path& settings_dir() const { return settings_dir_; }
+    bool consults_network() const;
+
 protected:
     std::string optin_path_;
     std::string uuid_path_;
@@ -66,6 +74,9 @@ enum network_status_t {
 // resolves to a 10.0.0.0/8 address, nsOk when it does not or is unknown, nsError when
 // the look-up itself failed. Blocks for as long as the system resolver takes.
 USEMETER_API int get_network_status();
+
+// The DNS name (or numeric address) get_network_status() resolves.
+USEMETER_API const char* get_corporate_node_name();
 
 }  // namespace usemeter_1_5_7
 

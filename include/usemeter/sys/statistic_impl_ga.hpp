@@ -37,6 +37,9 @@ public:
     const std::set<std::string>& whitelisted_events() const { return enabled_events; }
     bool is_ready() const { return ready; }
     bool is_collection_enabled() const { return enabled_; }
+    // Where the whitelist is read from: <data dir>/statistic/enabled_stat_events.xml, or
+    // empty when the product-locations service is missing or names no data directory.
+    static std::string whitelist_path();
 
     // "http://www.google-analytics.com/collect"
     static const char* ga_url;

@@ -1,13 +1,13 @@
-#include "support/log_capture.hpp"
+#include "tracelog/log_capture.hpp"
 
 #include <algorithm>
 #include <mutex>
 
 #include <log4cplus/spi/loggingevent.h>
 
-namespace usemeter_test {
+namespace tracelog {
 
-// Appenders are called from the library's worker threads too.
+// The library logs from its worker threads too.
 class log_capture_t::appender_t : public log4cplus::Appender {
 public:
     ~appender_t() override { destructorImpl(); }
@@ -35,6 +35,14 @@ log_capture_t::log_capture_t(const std::string& name)
 
 log_capture_t::~log_capture_t()
 {
+    stop();
+}
+
+void log_capture_t::stop()
+{
+    if (!attached_)
+        return;
+    attached_ = false;
     logger_.removeAppender(appender_);
     logger_.setLogLevel(old_level_);
 }
@@ -71,4 +79,4 @@ void log_capture_t::clear()
     recorder().records.clear();
 }
 
-}  // namespace usemeter_test
+}  // namespace tracelog
