@@ -29,7 +29,8 @@ std::string whitelist_path()
 
 }  // namespace
 
-const char* statistic_impl_ga_t::ga_url = "http://www.google-analytics.com/collect";
+// Set at configure time (USEMETER_COLLECTOR_URL), so an organisation's build reports to its own collector.
+const char* statistic_impl_ga_t::ga_url = USEMETER_COLLECTOR_URL;
 
 statistic_impl_ga_t::statistic_impl_ga_t(const std::string& product_name,
                                          const std::string& product_version)
