@@ -1,5 +1,6 @@
 // The one writer: request handlers hand in their hits and wait; a single thread commits
-// whatever has queued up meanwhile in one transaction (group commit) and only then wakes them.
+// what has queued up within about a millisecond in one transaction (group commit) and only
+// then wakes them.
 // So a handler that got "committed" answers 200 for hits that are in the store.
 //
 // Threads: any number of callers of commit(); one writer thread owns all store writes.
@@ -9,6 +10,7 @@
 #define USEMETER_COLLECTOR_COMMIT_QUEUE_HPP
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -28,7 +30,9 @@ public:
     using commit_observer_t = std::function<void(const outcome_t&, std::size_t hits, double seconds)>;
 
     // max_group: hits per transaction; a request's hits are never split across two.
-    commit_queue_t(store_t& store, commit_observer_t observer, std::size_t max_group = 512);
+    // gather_window: how long the writer waits for a group to fill once a request is queued.
+    commit_queue_t(store_t& store, commit_observer_t observer, std::size_t max_group = 512,
+                   std::chrono::microseconds gather_window = std::chrono::microseconds(1000));
     ~commit_queue_t();
 
     commit_queue_t(const commit_queue_t&) = delete;
@@ -47,6 +51,7 @@ private:
         std::vector<hit_t> hits;
         bool done = false;
         outcome_t outcome;
+        std::condition_variable finished;  // only its own caller waits here
     };
 
     void write_loop();
@@ -55,9 +60,9 @@ private:
     store_t& store_;
     const commit_observer_t observer_;
     const std::size_t max_group_;
+    const std::chrono::microseconds gather_window_;
     std::mutex mutex_;
     std::condition_variable queued_;
-    std::condition_variable finished_;
     std::deque<ticket_t*> pending_;
     bool stopping_ = false;
     std::atomic<std::size_t> depth_{0};

@@ -48,7 +48,7 @@ const char* const count_feature_day_sql =
     " ON CONFLICT DO UPDATE SET hits = hits + 1";
 const char* const note_first_seen_sql =
     "INSERT INTO first_seen VALUES (?5, ?4, ?2)"
-    " ON CONFLICT DO UPDATE SET day = min(day, excluded.day)";
+    " ON CONFLICT DO UPDATE SET day = excluded.day WHERE excluded.day < day";
 
 class statement_t {
 public:
