@@ -73,6 +73,12 @@ bool is_loopback_peer(const std::string& address)
 
 }  // namespace
 
+bool is_listen_address(const std::string& text)
+{
+    endpoint_t endpoint;
+    return parse_endpoint(text, endpoint);
+}
+
 std::string hit_request_t::header(const std::string& name) const
 {
     for (const auto& h : headers)

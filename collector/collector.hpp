@@ -66,6 +66,9 @@ struct collector_options_t {
     std::function<void(httplib::Server&)> mount;
 };
 
+// True for a numeric "ADDR:PORT" or "[ADDR6]:PORT" that --listen accepts.
+bool is_listen_address(const std::string& text);
+
 class collector_t {
 public:
     using observer_t = std::function<void(const hit_request_t&)>;

@@ -212,24 +212,31 @@ private:
         return true;
     }
 
+    int stored_version()
+    {
+        statement_t query(db_, "PRAGMA user_version");
+        return query.prepared() && sqlite3_step(query.get()) == SQLITE_ROW ? sqlite3_column_int(query.get(), 0) : -1;
+    }
+
+    // A current store is only read, so that export and erase never wait for a running
+    // collector's write lock just to open it.
     outcome_t migrate()
     {
+        if (stored_version() == schema_version)
+            return {};
         if (!exec("BEGIN IMMEDIATE"))
             return failed("cannot read the schema version");
-        statement_t query(db_, "PRAGMA user_version");
-        const int version =
-            sqlite3_step(query.get()) == SQLITE_ROW ? sqlite3_column_int(query.get(), 0) : -1;
+        const int version = stored_version();
         if (version < 0 || version > schema_version) {
             exec("ROLLBACK");
             return outcome_t::failure(path_ + " has schema version " + std::to_string(version) +
-                                      "; this collector knows up to " +
-                                      std::to_string(schema_version));
+                                      "; this collector knows up to " + std::to_string(schema_version));
         }
         for (int step = version; step < schema_version; ++step)
             if (!exec(migrations[step]))
                 return rolled_back("cannot migrate to schema version " + std::to_string(step + 1));
         const std::string set_version = "PRAGMA user_version = " + std::to_string(schema_version);
-        if ((version < schema_version && !exec(set_version.c_str())) || !exec("COMMIT"))
+        if (!exec(set_version.c_str()) || !exec("COMMIT"))
             return rolled_back("cannot record the schema version");
         return {};
     }

@@ -119,6 +119,7 @@ done <<'EOF'
 2|for option '--answer' is invalid|collector --answer abc
 2|--answer must be an HTTP status|collector --answer 42
 2|--durability must be normal or full|collector --durability maybe
+2|--listen needs a numeric ADDR:PORT|collector --listen localhost:8080
 2|--since must be a day YYYY-MM-DD|collector export --store sqlite:x --since 2026-13-01
 2|--product-version must be three numbers|status --product-version 1.2
 2|--log-config: no such file|status --log-config /nonexistent/log.properties

@@ -117,6 +117,8 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
                                "usemeter collector [options] | collector export ... | collector erase ...",
                                options, values, false);
     config.durability = durability_named(durability);
+    if (!uc::is_listen_address(config.listen))
+        throw usage_error("--listen needs a numeric ADDR:PORT, not '" + config.listen + "'");
     if (values.count("answer") && (config.answer < 100 || config.answer > 599))
         throw usage_error("--answer must be an HTTP status between 100 and 599, not " +
                           std::to_string(config.answer));
