@@ -183,9 +183,8 @@ outcome_t collector_t::start()
             return;
         }
         ++impl_->in_flight;
-        hit_request_t request{req.method, req.target, {req.headers.begin(), req.headers.end()}, req.body};
         int status = 200;
-        on_hit_request(path, request, status);
+        on_hit_request(path, req, status);
         if (status < 0)
             shut_down_connections(port_, req.remote_port);
         res.status = status < 0 ? 500 : status;
@@ -302,7 +301,7 @@ void collector_t::set_mode(mode_t mode, int status, std::chrono::milliseconds de
 }
 
 // status: the answer, or -1 to reset the connection.
-void collector_t::on_hit_request(const std::string& path, const hit_request_t& request, int& status)
+void collector_t::on_hit_request(const std::string& path, const httplib::Request& req, int& status)
 {
     const std::size_t number = ++hit_requests_;
     observer_t observer;
@@ -310,11 +309,15 @@ void collector_t::on_hit_request(const std::string& path, const hit_request_t& r
         std::lock_guard<std::mutex> lock(mutex_);
         observer = observer_;
     }
-    if (observer)
-        observer(request);
-    if (options_.print) {
-        std::lock_guard<std::mutex> lock(impl_->print_mutex);
-        std::cout << describe_hit_request(request, number) << std::flush;
+    // Copied only for someone who looks: the common path stays free of it.
+    if (observer || options_.print) {
+        const hit_request_t request{req.method, req.target, {req.headers.begin(), req.headers.end()}, req.body};
+        if (observer)
+            observer(request);
+        if (options_.print) {
+            std::lock_guard<std::mutex> lock(impl_->print_mutex);
+            std::cout << describe_hit_request(request, number) << std::flush;
+        }
     }
     switch (wait_out_hold(status)) {
     case mode_t::answer:
@@ -323,7 +326,7 @@ void collector_t::on_hit_request(const std::string& path, const hit_request_t& r
         status = -1;
         return;
     default:
-        status = ingest(path, request.body);
+        status = ingest(path, req.body);
     }
 }
 
@@ -346,19 +349,17 @@ collector_t::mode_t collector_t::wait_out_hold(int& status)
 
 int collector_t::ingest(const std::string& path, const std::string& body)
 {
-    const bool batch = path == "/batch";
-    if (body.size() > (batch ? batch_body_limit : hit_body_limit))
-        return 413;
-    const std::vector<std::string> lines = batch ? batch_lines(body) : std::vector<std::string>{body};
-    if (lines.size() > batch_hit_limit)
-        return 413;
+    impl_->queue->announce();
+    const int refused = size_verdict(path, body);
+    if (refused) {
+        impl_->queue->withdraw();
+        return refused;
+    }
     const std::int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
                                  std::chrono::system_clock::now().time_since_epoch())
                                  .count();
     std::vector<hit_t> hits;
-    for (const std::string& line : lines) {
-        if (line.size() > hit_body_limit)
-            return 413;
+    for (const std::string& line : path == "/batch" ? batch_lines(body) : std::vector<std::string>{body}) {
         hit_t hit;
         const rejection_t reason = read_hit(line, now, hit);
         if (reason == rejection_t::none)
@@ -367,6 +368,22 @@ int collector_t::ingest(const std::string& path, const std::string& body)
             metrics_.count_rejected(reason, line);
     }
     return commit(std::move(hits));
+}
+
+// 413 for what is over the protocol's limits, else 0.
+int collector_t::size_verdict(const std::string& path, const std::string& body)
+{
+    if (path != "/batch")
+        return body.size() > hit_body_limit ? 413 : 0;
+    if (body.size() > batch_body_limit)
+        return 413;
+    const std::vector<std::string> lines = batch_lines(body);
+    if (lines.size() > batch_hit_limit)
+        return 413;
+    for (const std::string& line : lines)
+        if (line.size() > hit_body_limit)
+            return 413;
+    return 0;
 }
 
 int collector_t::commit(std::vector<hit_t> hits)

@@ -28,6 +28,7 @@
 
 namespace httplib {
 class Server;
+struct Request;
 }
 
 namespace usemeter_collector {
@@ -114,9 +115,10 @@ private:
     enum class mode_t { store, answer, hold, reset };
     struct impl_t;
 
-    void on_hit_request(const std::string& path, const hit_request_t& request, int& status);
+    void on_hit_request(const std::string& path, const httplib::Request& req, int& status);
     mode_t wait_out_hold(int& status);
     int ingest(const std::string& path, const std::string& body);
+    static int size_verdict(const std::string& path, const std::string& body);
     int commit(std::vector<hit_t> hits);
     void run_retention();
     void set_mode(mode_t mode, int status, std::chrono::milliseconds delay);

@@ -17,18 +17,35 @@ commit_queue_t::~commit_queue_t()
     stop();
 }
 
+void commit_queue_t::announce()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++announced_;
+}
+
+void commit_queue_t::withdraw()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (announced_ > 0 && --announced_ == 0)
+        queued_.notify_one();
+}
+
 outcome_t commit_queue_t::commit(std::vector<hit_t> hits)
 {
-    if (hits.empty())
+    if (hits.empty()) {
+        withdraw();
         return {};
+    }
     ticket_t ticket;
     ticket.hits = std::move(hits);
     std::unique_lock<std::mutex> lock(mutex_);
+    if (announced_ > 0)
+        --announced_;
     if (stopping_)
         return outcome_t::failure("the collector is stopping");
     pending_.push_back(&ticket);
     depth_ += ticket.hits.size();
-    if (pending_.size() == 1 || depth_ >= max_group_)
+    if (pending_.size() == 1 || announced_ == 0 || depth_ >= max_group_)
         queued_.notify_one();
     ticket.finished.wait(lock, [&] { return ticket.done; });
     return ticket.outcome;
@@ -68,9 +85,9 @@ void commit_queue_t::write_loop()
             queued_.wait(lock, [&] { return stopping_ || !pending_.empty(); });
             if (pending_.empty())
                 return;
-            // A moment for more requests to join: a commit costs about the same for one hit
-            // as for dozens, so under load fewer, larger transactions serve more clients.
-            queued_.wait_for(lock, gather_window_, [&] { return stopping_ || depth_ >= max_group_; });
+            queued_.wait_for(lock, gather_window_, [&] {
+                return stopping_ || announced_ == 0 || depth_ >= max_group_;
+            });
             group = take_group();
         }
         batch.clear();

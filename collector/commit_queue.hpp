@@ -1,10 +1,11 @@
 // The one writer: request handlers hand in their hits and wait; a single thread commits
-// what has queued up within about a millisecond in one transaction (group commit) and only
-// then wakes them.
+// what has queued up in one transaction (group commit) and only then wakes them. Before it
+// writes, it waits up to about a millisecond for requests that handlers are still reading,
+// since one transaction costs about the same for one hit as for dozens.
 // So a handler that got "committed" answers 200 for hits that are in the store.
 //
 // Threads: any number of callers of commit(); one writer thread owns all store writes.
-// mutex_ guards pending_ and stopping_; each waiting caller sleeps on its own ticket.
+// mutex_ guards pending_, announced_ and stopping_; each waiting caller sleeps on its own ticket.
 // stop() lets the writer drain the queue, so nothing accepted is dropped on SIGTERM.
 #ifndef USEMETER_COLLECTOR_COMMIT_QUEUE_HPP
 #define USEMETER_COLLECTOR_COMMIT_QUEUE_HPP
@@ -38,6 +39,11 @@ public:
     commit_queue_t(const commit_queue_t&) = delete;
     commit_queue_t& operator=(const commit_queue_t&) = delete;
 
+    // A request is on its way to commit() (being read or checked): the writer waits for it,
+    // within the gather window, so that it joins the group about to be written. Every
+    // announce() is followed by one commit() or one withdraw().
+    void announce();
+    void withdraw();
     // Blocks until the hits are committed (ok) or their transaction failed.
     // After stop() it fails at once.
     outcome_t commit(std::vector<hit_t> hits);
@@ -65,6 +71,7 @@ private:
     std::condition_variable queued_;
     std::deque<ticket_t*> pending_;
     bool stopping_ = false;
+    std::size_t announced_ = 0;
     std::atomic<std::size_t> depth_{0};
     std::thread writer_;
 };
