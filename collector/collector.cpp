@@ -349,12 +349,8 @@ collector_t::mode_t collector_t::wait_out_hold(int& status)
 
 int collector_t::ingest(const std::string& path, const std::string& body)
 {
-    impl_->queue->announce();
-    const int refused = size_verdict(path, body);
-    if (refused) {
-        impl_->queue->withdraw();
+    if (const int refused = size_verdict(path, body))
         return refused;
-    }
     const std::int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
                                  std::chrono::system_clock::now().time_since_epoch())
                                  .count();

@@ -5,9 +5,8 @@
 
 namespace usemeter_collector {
 
-commit_queue_t::commit_queue_t(store_t& store, commit_observer_t observer, std::size_t max_group,
-                               std::chrono::microseconds gather_window)
-    : store_(store), observer_(std::move(observer)), max_group_(max_group), gather_window_(gather_window),
+commit_queue_t::commit_queue_t(store_t& store, commit_observer_t observer, std::size_t max_group)
+    : store_(store), observer_(std::move(observer)), max_group_(max_group),
       writer_([this] { write_loop(); })
 {
 }
@@ -17,36 +16,18 @@ commit_queue_t::~commit_queue_t()
     stop();
 }
 
-void commit_queue_t::announce()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++announced_;
-}
-
-void commit_queue_t::withdraw()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (announced_ > 0 && --announced_ == 0)
-        queued_.notify_one();
-}
-
 outcome_t commit_queue_t::commit(std::vector<hit_t> hits)
 {
-    if (hits.empty()) {
-        withdraw();
+    if (hits.empty())
         return {};
-    }
     ticket_t ticket;
     ticket.hits = std::move(hits);
     std::unique_lock<std::mutex> lock(mutex_);
-    if (announced_ > 0)
-        --announced_;
     if (stopping_)
         return outcome_t::failure("the collector is stopping");
     pending_.push_back(&ticket);
     depth_ += ticket.hits.size();
-    if (pending_.size() == 1 || announced_ == 0 || depth_ >= max_group_)
-        queued_.notify_one();
+    queued_.notify_one();
     ticket.finished.wait(lock, [&] { return ticket.done; });
     return ticket.outcome;
 }
@@ -85,9 +66,6 @@ void commit_queue_t::write_loop()
             queued_.wait(lock, [&] { return stopping_ || !pending_.empty(); });
             if (pending_.empty())
                 return;
-            queued_.wait_for(lock, gather_window_, [&] {
-                return stopping_ || announced_ == 0 || depth_ >= max_group_;
-            });
             group = take_group();
         }
         batch.clear();

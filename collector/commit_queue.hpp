@@ -1,17 +1,16 @@
 // The one writer: request handlers hand in their hits and wait; a single thread commits
-// what has queued up in one transaction (group commit) and only then wakes them. Before it
-// writes, it waits up to about a millisecond for requests that handlers are still reading,
-// since one transaction costs about the same for one hit as for dozens.
+// whatever has queued up while it wrote the previous group in one transaction (group commit)
+// and only then wakes them. It does not wait for a group to fill: on a busy machine, waiting
+// for handlers that are not yet running costs more than the smaller transactions (measured).
 // So a handler that got "committed" answers 200 for hits that are in the store.
 //
 // Threads: any number of callers of commit(); one writer thread owns all store writes.
-// mutex_ guards pending_, announced_ and stopping_; each waiting caller sleeps on its own ticket.
+// mutex_ guards pending_ and stopping_; each waiting caller sleeps on its own ticket.
 // stop() lets the writer drain the queue, so nothing accepted is dropped on SIGTERM.
 #ifndef USEMETER_COLLECTOR_COMMIT_QUEUE_HPP
 #define USEMETER_COLLECTOR_COMMIT_QUEUE_HPP
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -31,19 +30,12 @@ public:
     using commit_observer_t = std::function<void(const outcome_t&, std::size_t hits, double seconds)>;
 
     // max_group: hits per transaction; a request's hits are never split across two.
-    // gather_window: how long the writer waits for a group to fill once a request is queued.
-    commit_queue_t(store_t& store, commit_observer_t observer, std::size_t max_group = 512,
-                   std::chrono::microseconds gather_window = std::chrono::microseconds(1000));
+    commit_queue_t(store_t& store, commit_observer_t observer, std::size_t max_group = 512);
     ~commit_queue_t();
 
     commit_queue_t(const commit_queue_t&) = delete;
     commit_queue_t& operator=(const commit_queue_t&) = delete;
 
-    // A request is on its way to commit() (being read or checked): the writer waits for it,
-    // within the gather window, so that it joins the group about to be written. Every
-    // announce() is followed by one commit() or one withdraw().
-    void announce();
-    void withdraw();
     // Blocks until the hits are committed (ok) or their transaction failed.
     // After stop() it fails at once.
     outcome_t commit(std::vector<hit_t> hits);
@@ -66,12 +58,10 @@ private:
     store_t& store_;
     const commit_observer_t observer_;
     const std::size_t max_group_;
-    const std::chrono::microseconds gather_window_;
     std::mutex mutex_;
     std::condition_variable queued_;
     std::deque<ticket_t*> pending_;
     bool stopping_ = false;
-    std::size_t announced_ = 0;
     std::atomic<std::size_t> depth_{0};
     std::thread writer_;
 };
