@@ -126,6 +126,18 @@ outcome_t collector_t::start()
 {
     if (!parse_endpoint(options_.listen, impl_->endpoint))
         return outcome_t::failure("--listen needs a numeric ADDR:PORT, not \"" + options_.listen + "\"");
+    const outcome_t opened = open_storage();
+    if (!opened)
+        return opened;
+    if (options_.retention_days > 0)
+        start_retention();
+    configure_server();
+    add_routes();
+    return bind_and_listen();
+}
+
+outcome_t collector_t::open_storage()
+{
     impl_->store = options_.store_instance;
     if (!impl_->store) {
         std::string error;
@@ -135,29 +147,40 @@ outcome_t collector_t::start()
     }
     impl_->queue = std::make_unique<commit_queue_t>(
         *impl_->store, [this](const outcome_t& outcome, std::size_t hits, double seconds) {
-            metrics_.record_commit(outcome.ok, seconds);
-            if (outcome.ok)
-                metrics_.count_stored(hits);
-            if (outcome.ok != healthy_.exchange(outcome.ok)) {
-                if (outcome.ok)
-                    LOG4CPLUS_WARN(logger(), "the store commits again; answering 200");
-                else
-                    LOG4CPLUS_ERROR(logger(), "the store cannot commit, answering 503 until it can: "
-                                                  << outcome.error);
-            }
+            on_commit(outcome, hits, seconds);
         });
-    if (options_.retention_days > 0) {
-        run_retention();
-        impl_->retention = std::thread([this] {
-            std::unique_lock<std::mutex> lock(mutex_);
-            while (!impl_->retention_wake.wait_for(lock, std::chrono::hours(1), [&] { return stopping_; })) {
-                lock.unlock();
-                run_retention();
-                lock.lock();
-            }
-        });
-    }
+    return {};
+}
 
+// On the writer thread after every group commit.
+void collector_t::on_commit(const outcome_t& outcome, std::size_t hits, double seconds)
+{
+    metrics_.record_commit(outcome.ok, seconds);
+    if (outcome.ok)
+        metrics_.count_stored(hits);
+    if (outcome.ok == healthy_.exchange(outcome.ok))
+        return;
+    if (outcome.ok)
+        LOG4CPLUS_WARN(logger(), "the store commits again; answering 200");
+    else
+        LOG4CPLUS_ERROR(logger(), "the store cannot commit, answering 503 until it can: " << outcome.error);
+}
+
+void collector_t::start_retention()
+{
+    run_retention();
+    impl_->retention = std::thread([this] {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!impl_->retention_wake.wait_for(lock, std::chrono::hours(1), [&] { return stopping_; })) {
+            lock.unlock();
+            run_retention();
+            lock.lock();
+        }
+    });
+}
+
+void collector_t::configure_server()
+{
     httplib::Server& server = impl_->server;
     // httplib's default also sets SO_REUSEPORT, which would let a second collector share the
     // port silently instead of failing to start.
@@ -175,21 +198,28 @@ outcome_t collector_t::start()
     server.set_payload_max_length(payload_limit);
     const std::size_t connections = options_.max_connections;
     server.new_task_queue = [connections] { return new connection_pool_t(connections); };
+}
 
-    auto on_post = [this](const httplib::Request& req, httplib::Response& res) {
-        const std::string path = origin_path(req.target);
-        if (path != "/collect" && path != "/batch") {
-            res.status = 404;
-            return;
-        }
-        ++impl_->in_flight;
-        int status = 200;
-        on_hit_request(path, req, status);
-        if (status < 0)
-            shut_down_connections(port_, req.remote_port);
-        res.status = status < 0 ? 500 : status;
-        --impl_->in_flight;
-    };
+void collector_t::on_post(const httplib::Request& req, httplib::Response& res)
+{
+    const std::string path = origin_path(req.target);
+    if (path != "/collect" && path != "/batch") {
+        res.status = 404;
+        return;
+    }
+    ++impl_->in_flight;
+    int status = 200;
+    on_hit_request(path, req, status);
+    if (status < 0)
+        shut_down_connections(port_, req.remote_port);
+    res.status = status < 0 ? 500 : status;
+    --impl_->in_flight;
+}
+
+void collector_t::add_routes()
+{
+    httplib::Server& server = impl_->server;
+    auto on_post = [this](const httplib::Request& req, httplib::Response& res) { this->on_post(req, res); };
     server.Post("/collect", on_post);
     server.Post("/batch", on_post);
     server.Get("/(collect|batch)", [](const httplib::Request&, httplib::Response& res) {
@@ -218,15 +248,17 @@ outcome_t collector_t::start()
         options_.mount(server);
     // Requests to a proxy name an absolute URL; only /collect and /batch are hits there.
     server.Post("https?://.*", on_post);
+}
 
+outcome_t collector_t::bind_and_listen()
+{
+    httplib::Server& server = impl_->server;
+    const endpoint_t& endpoint = impl_->endpoint;
     errno = 0;
-    port_ = impl_->endpoint.port == 0 ? server.bind_to_any_port(impl_->endpoint.host)
-                                      : (server.bind_to_port(impl_->endpoint.host, impl_->endpoint.port)
-                                             ? impl_->endpoint.port
-                                             : -1);
+    port_ = endpoint.port == 0 ? server.bind_to_any_port(endpoint.host)
+                               : (server.bind_to_port(endpoint.host, endpoint.port) ? endpoint.port : -1);
     if (port_ < 0) {
         const std::string reason = errno ? std::strerror(errno) : "bind failed";
-        impl_->queue->stop();
         return outcome_t::failure("cannot listen on " + options_.listen + ": " + reason);
     }
     impl_->listener = std::thread([this] { impl_->server.listen_after_bind(); });

@@ -29,6 +29,7 @@
 namespace httplib {
 class Server;
 struct Request;
+struct Response;
 }
 
 namespace usemeter_collector {
@@ -115,6 +116,13 @@ private:
     enum class mode_t { store, answer, hold, reset };
     struct impl_t;
 
+    outcome_t open_storage();
+    void on_commit(const outcome_t& outcome, std::size_t hits, double seconds);
+    void start_retention();
+    void configure_server();
+    void add_routes();
+    outcome_t bind_and_listen();
+    void on_post(const httplib::Request& req, httplib::Response& res);
     void on_hit_request(const std::string& path, const httplib::Request& req, int& status);
     mode_t wait_out_hold(int& status);
     int ingest(const std::string& path, const std::string& body);
