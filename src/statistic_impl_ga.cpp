@@ -28,7 +28,8 @@ std::string statistic_impl_ga_t::whitelist_path()
     return basekit::path_t(data_dir).append("statistic").append("enabled_stat_events.xml").as_string();
 }
 
-const char* statistic_impl_ga_t::ga_url = "http://www.google-analytics.com/collect";
+// Set at configure time (USEMETER_COLLECTOR_URL), so an organisation's build reports to its own collector.
+const char* statistic_impl_ga_t::ga_url = USEMETER_COLLECTOR_URL;
 
 statistic_impl_ga_t::statistic_impl_ga_t(const std::string& product_name,
                                          const std::string& product_version)

@@ -18,8 +18,11 @@ setup_file() {
 
 setup() {
   unset NORVEL_STATISTICS_DISABLE NORVEL_DONOTSEND_FEEDBACK NORVEL_DISABLE_FEEDBACK \
-        NORVEL_FORCE_FEEDBACK NORVEL_FORCE_UUID http_proxy no_proxy NO_PROXY all_proxy ALL_PROXY
+        NORVEL_FORCE_FEEDBACK NORVEL_FORCE_UUID no_proxy NO_PROXY all_proxy ALL_PROXY
   export HOME=$BATS_TEST_TMPDIR
+  # A closed loopback port as the proxy: a case that forgets its collector still sends
+  # nothing beyond loopback (no name of the default endpoint is ever resolved here).
+  export http_proxy=http://127.0.0.1:9
   data=(--data-dir "$BATS_FILE_TMPDIR/data")
   collector_pid=
 }
@@ -31,11 +34,11 @@ teardown() {
 
 um() { timeout 60 "$USEMETER" "$@"; }
 
-# Starts `usemeter collector` on a free loopback port answering STATUS; sets $port.
+# Starts `usemeter collector` on a free loopback port with the given options, storing into
+# $BATS_TEST_TMPDIR/hits.db; sets $port.
 start_collector() {
-  local answer=(--status "$1") listen=(--port 0)
-  if um collector --help | grep -q -- --listen; then answer=(--answer "$1") listen=(--listen 127.0.0.1:0); fi
-  (cd "$BATS_TEST_TMPDIR" && exec "$USEMETER" collector "${listen[@]}" "${answer[@]}" >collector.out) &
+  (cd "$BATS_TEST_TMPDIR" &&
+   exec "$USEMETER" collector --listen 127.0.0.1:0 --store sqlite:hits.db "$@" >collector.out) &
   collector_pid=$!
   for _ in $(seq 100); do
     port=$(sed -n 's|.*listening on http://127\.0\.0\.1:\([0-9]*\).*|\1|p' "$BATS_TEST_TMPDIR/collector.out")
@@ -63,6 +66,10 @@ unexpected argument 'extra'|status extra
 the required argument for option '--product' is missing|status --product
 --product-version must be three numbers|status --product-version 1.2
 --log-config: no such file|status --log-config /nonexistent/log.properties
+--answer must be an HTTP status|collector --answer 42
+--durability must be normal or full|collector --durability maybe
+--listen needs a numeric ADDR:PORT|collector --listen localhost:8080
+--since must be a day YYYY-MM-DD|collector export --store sqlite:x --since 2026-13-01
 TABLE
 }
 
@@ -102,11 +109,20 @@ TABLE
 }
 
 @test "report: delivered before it exits, and a failure when nothing arrives" {
-  start_collector 200
+  start_collector
   export NORVEL_FORCE_FEEDBACK=1 http_proxy=http://127.0.0.1:$port
-  run um report "${data[@]}" gui.open.file run.build debug.internal
+  run um report "${data[@]}" --version 3.2.1 gui.open.file run.build debug.internal
   [[ $status == 0 && $output == *"debug.internal: dropped"* && $output == *"delivered 2 of 2 hit(s)"* ]]
-  teardown && start_collector 500
+  run --separate-stderr um collector --listen "127.0.0.1:$port" --store sqlite:other.db
+  [[ $status == 1 && $stderr == *"cannot listen on 127.0.0.1:$port"* ]]
+  teardown
+  run um collector export --store "sqlite:$HOME/hits.db" --since 2000-01-01
+  [[ ${lines[0]} == received,tid,cid,an,av,cd1,cd2,cd3,ec,el && ${#lines[@]} == 3 ]]
+  [[ ${lines[1]} == *,3.2.1,*,gui,open.file && ${lines[2]} == *,run,build ]]
+  cid=$(cut -d, -f3 <<<"${lines[1]}")
+  run um collector erase --store "sqlite:$HOME/hits.db" --cid "$cid"
+  [[ $output == "erased 2 hits" ]]
+  start_collector --answer 500
   export http_proxy=http://127.0.0.1:$port
   run --separate-stderr um report run.build
   [[ $status == 1 && $output == *"delivered 0 of 1"* && $stderr == *"no hit was delivered"* ]]
@@ -115,7 +131,7 @@ TABLE
 @test "README examples: the C host asks for consent, both hosts report, the docs quote them" {
   echo y | timeout 60 "$HOST_C" | grep -q 'Send anonymous usage statistics'
   [[ $(cat "$HOME/norvel/optin") == 1 ]]
-  start_collector 200
+  start_collector
   export NORVEL_FORCE_FEEDBACK=1 http_proxy=http://127.0.0.1:$port
   timeout 60 "$HOST_C" </dev/null && timeout 60 "$HOST_CPP" "$BATS_FILE_TMPDIR/data" </dev/null
   for example in host.c host.cpp; do

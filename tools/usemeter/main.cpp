@@ -21,7 +21,7 @@ const command_t commands[] = {
     {"consent", run_consent, "show or record the user's answer (show|yes|no)"},
     {"status", run_status, "explain the whole decision chain for this user and product"},
     {"explain", run_explain, "show what each feature name becomes on the wire"},
-    {"collector", run_collector, "receive and decode hits on 127.0.0.1"},
+    {"collector", run_collector, "run the collector service; export or erase its hits"},
 };
 
 void print_usage(std::ostream& out)

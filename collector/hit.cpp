@@ -1,0 +1,43 @@
+#include "hit.hpp"
+
+#include <cctype>
+#include <ctime>
+
+namespace usemeter_collector {
+
+namespace {
+
+std::string format_utc(std::int64_t seconds, const char* format)
+{
+    const std::time_t time = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    gmtime_r(&time, &parts);
+    char text[32];
+    return std::string(text, std::strftime(text, sizeof text, format, &parts));
+}
+
+}  // namespace
+
+std::string utc_day(std::int64_t seconds)
+{
+    return format_utc(seconds, "%Y-%m-%d");
+}
+
+std::string utc_timestamp(std::int64_t seconds)
+{
+    return format_utc(seconds, "%Y-%m-%dT%H:%M:%SZ");
+}
+
+bool is_day(const std::string& text)
+{
+    if (text.size() != 10 || text[4] != '-' || text[7] != '-')
+        return false;
+    for (std::size_t i : {0, 1, 2, 3, 5, 6, 8, 9})
+        if (!std::isdigit(static_cast<unsigned char>(text[i])))
+            return false;
+    const int month = std::stoi(text.substr(5, 2));
+    const int day = std::stoi(text.substr(8, 2));
+    return month >= 1 && month <= 12 && day >= 1 && day <= 31;
+}
+
+}  // namespace usemeter_collector

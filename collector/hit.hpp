@@ -1,0 +1,35 @@
+// A hit as the collector keeps it: when it arrived and the fields the library sends.
+// Nothing about the sender (address, port, user agent) is ever part of it.
+#ifndef USEMETER_COLLECTOR_HIT_HPP
+#define USEMETER_COLLECTOR_HIT_HPP
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace usemeter_collector {
+
+struct hit_t {
+    std::int64_t received = 0;  // UTC seconds since the epoch
+    std::string tid, cid, an, av, cd1, cd2, cd3, ec, el;
+};
+
+// What a fallible step returns: failures carry one line for the log and the caller.
+struct outcome_t {
+    bool ok = true;
+    std::string error;
+
+    static outcome_t failure(std::string why) { return {false, std::move(why)}; }
+    explicit operator bool() const { return ok; }
+};
+
+// "YYYY-MM-DD" of a UTC instant: the day a hit counts for in every report.
+std::string utc_day(std::int64_t seconds);
+// "YYYY-MM-DDTHH:MM:SSZ"
+std::string utc_timestamp(std::int64_t seconds);
+// True for a well-formed "YYYY-MM-DD".
+bool is_day(const std::string& text);
+
+}  // namespace usemeter_collector
+
+#endif

@@ -1,0 +1,280 @@
+// The collector over loopback: the library's hits end as rows, bad requests get their status
+// and reason, the store's failures become 503, and a hit answered 200 survives SIGKILL.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include <spawn.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <httplib.h>
+
+#include "collector/collector.hpp"
+#include "network_status_detail.hpp"
+#include "support/locations_double.hpp"
+#include "support/temp_home.hpp"
+#include "usemeter/sys/statistic_impl_ga.hpp"
+
+using namespace usemeter_test;
+using namespace usemeter_collector;
+
+namespace {
+
+std::string exported(store_t& store)
+{
+    std::ostringstream csv;
+    EXPECT_TRUE(store.export_csv(csv, "", ""));
+    return csv.str();
+}
+
+std::size_t count_lines(const std::string& text, const std::string& part)
+{
+    std::size_t lines = 0;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines += line.find(part) != std::string::npos;
+    return lines;
+}
+
+// Fails every append while `failing` is set, as a full or read-only disk does.
+struct failing_store_t : store_t {
+    std::unique_ptr<store_t> real;
+    std::atomic<bool> failing{false};
+    outcome_t append(const std::vector<hit_t>& h) override { return failing ? outcome_t::failure("disk full") : real->append(h); }
+    outcome_t export_csv(std::ostream& o, const std::string& s, const std::string& u) override { return real->export_csv(o, s, u); }
+    outcome_t erase_client(const std::string& c, std::int64_t& n) override { return real->erase_client(c, n); }
+    outcome_t erase_before(const std::string& d, std::int64_t& n) override { return real->erase_before(d, n); }
+};
+
+class collector_test : public ::testing::Test {
+protected:
+    temp_dir_t dir;
+    std::string store_uri = "sqlite:" + dir / "hits.db";
+    std::shared_ptr<failing_store_t> store = std::make_shared<failing_store_t>();
+    std::unique_ptr<collector_t> collector;
+
+    void start()
+    {
+        std::string error;
+        store->real = open_store(store_uri, durability_t::normal, error);
+        collector_options_t options;
+        options.listen = "127.0.0.1:0";
+        options.store_instance = store;
+        collector = std::make_unique<collector_t>(options);
+        ASSERT_TRUE(collector->start());
+    }
+    httplib::Result post(const std::string& path, const std::string& body)
+    {
+        httplib::Client client("127.0.0.1", collector->port());
+        return client.Post(path.c_str(), body, "application/x-www-form-urlencoded");
+    }
+};
+
+const std::string valid = "v=1&tid=UA-1&cid=c1&t=event&an=trovix&av=1.0&ec=gui&el=open";
+
+TEST_F(collector_test, library_hits_through_the_proxy_route_are_stored)
+{
+    start();
+    clean_env_t clean_env;
+    temp_home_t home;
+    scoped_env_t proxy("http_proxy", collector->base_url().c_str());
+    locations_double_t locations;
+    locations.data_dir = dir.path();
+    make_dirs(dir / "statistic");
+    write_file(dir / "statistic/enabled_stat_events.xml",
+               "<bag><event type=\"bag\"><name type=\"string\">gui</name></event></bag>");
+    make_dirs(home / "norvel");
+    write_file(home / "norvel/optin", "1");
+    const char* saved_node = usemeter::detail::corporate_node_name;
+    usemeter::detail::corporate_node_name = "127.0.0.1";  // numeric: no DNS, not excluded
+    std::vector<std::string> targets;
+    collector->set_observer([&](const hit_request_t& r) { targets.push_back(r.method + " " + r.target); });
+    std::string cid;
+    {
+        usemeter::statistic_impl_ga_t backend("trovix", "2024.1.0");
+        cid = backend.get_uuid();
+        backend.notify_feature_usage("gui.open.file");
+        backend.notify_feature_usage("run.build");
+    }  // waits for delivery
+    usemeter::detail::corporate_node_name = saved_node;
+    EXPECT_EQ(targets, std::vector<std::string>(2, "POST http://www.google-analytics.com/collect"));
+    const std::string csv = exported(*store);
+    EXPECT_EQ(count_lines(csv, ",UA-12345678-42," + cid + ",trovix,2024.1.0,posix,"), 2u) << csv;
+    EXPECT_EQ(count_lines(csv, ",gui,open.file"), 1u);
+    EXPECT_EQ(count_lines(csv, ",run,build"), 1u);
+}
+
+TEST_F(collector_test, bad_requests_get_their_status_and_reason)
+{
+    start();
+    std::string batch_of_21;
+    for (int i = 0; i < 21; ++i)
+        batch_of_21 += valid + "\n";
+    struct case_t { std::string path, body; int status; rejection_t reason; int stored; };
+    const case_t cases[] = {
+        {"/collect", valid, 200, rejection_t::none, 1},
+        {"/collect", "v=2&tid=UA-1&cid=c&t=event&ec=a", 200, rejection_t::bad_version, 0},
+        {"/collect", "v=1&cid=c&t=event&ec=a", 200, rejection_t::missing_tid, 0},
+        {"/collect", "v=1&tid=UA-1&t=event&ec=a", 200, rejection_t::missing_cid, 0},
+        {"/collect", "v=1&tid=UA-1&cid=c&t=click&ec=a", 200, rejection_t::bad_type, 0},
+        {"/collect", "v=1&tid=UA-1&cid=c&t=event&el=a", 200, rejection_t::missing_category, 0},
+        {"/collect", valid + "&an=" + std::string(101, 'n'), 200, rejection_t::too_long, 0},
+        {"/collect", valid + "&el=" + std::string(501, 'e'), 200, rejection_t::too_long, 0},
+        {"/collect", "v=1&tid=UA-1&cid=c&t=pageview", 200, rejection_t::unsupported_type, 0},
+        {"/collect", valid + "&x=" + std::string(8192, 'x'), 413, rejection_t::none, 0},
+        {"/batch", valid + "\r\n" + valid + "\nv=3", 200, rejection_t::bad_version, 2},
+        {"/batch", batch_of_21, 413, rejection_t::none, 0},
+        {"/batch", valid + "\n" + valid + "&x=" + std::string(16384, 'x'), 413, rejection_t::none, 0},
+        {"/other", valid, 404, rejection_t::none, 0},
+    };
+    for (const case_t& c : cases) {
+        const std::uint64_t stored = collector->metrics().stored();
+        const std::uint64_t rejected = collector->metrics().rejected(c.reason);
+        const auto answer = post(c.path, c.body);
+        ASSERT_TRUE(answer) << c.body.substr(0, 60);
+        EXPECT_EQ(answer->status, c.status) << c.body.substr(0, 60);
+        EXPECT_EQ(collector->metrics().stored(), stored + c.stored) << c.body.substr(0, 60);
+        if (c.reason != rejection_t::none) {
+            EXPECT_EQ(collector->metrics().rejected(c.reason), rejected + 1) << c.body.substr(0, 60);
+        }
+    }
+    httplib::Client client("127.0.0.1", collector->port());
+    EXPECT_EQ(client.Get("/collect")->status, 405);
+    const std::string metrics = client.Get("/metrics")->body;
+    EXPECT_NE(metrics.find("usemeter_hits_stored_total 3\n"), std::string::npos) << metrics;
+    EXPECT_NE(metrics.find("usemeter_hits_rejected_total{reason=\"too_long\"} 2\n"), std::string::npos);
+    EXPECT_EQ(collector->metrics().recent_rejections(rejection_t::bad_version).back(), "v=3");
+    EXPECT_EQ(count_lines(exported(*store), ",c1,"), 3u);
+}
+
+TEST_F(collector_test, fault_modes_answer_hold_and_reset)
+{
+    start();
+    collector->answer(503);
+    EXPECT_EQ(post("/collect", valid)->status, 503);
+    collector->reset_connections();
+    EXPECT_FALSE(post("/collect", valid));
+    collector->hold(std::chrono::milliseconds(0));
+    std::thread held([&] { EXPECT_EQ(post("/collect", valid)->status, 200); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(collector->metrics().stored(), 0u);
+    collector->serve_normally();
+    held.join();
+    EXPECT_EQ(collector->metrics().stored(), 1u);
+}
+
+TEST_F(collector_test, a_store_that_cannot_commit_is_answered_503_until_it_can)
+{
+    start();
+    httplib::Client client("127.0.0.1", collector->port());
+    store->failing = true;
+    EXPECT_EQ(post("/collect", valid)->status, 503);
+    EXPECT_EQ(client.Get("/healthz")->status, 503);
+    store->failing = false;
+    EXPECT_EQ(post("/collect", valid)->status, 200);
+    EXPECT_EQ(client.Get("/healthz")->status, 200);
+    EXPECT_EQ(count_lines(exported(*store), ",c1,"), 1u);
+}
+
+TEST_F(collector_test, retention_and_erasure_keep_the_rollups_true)
+{
+    std::string error;
+    auto sqlite = open_store(store_uri, durability_t::normal, error);
+    const std::int64_t day = 86400, t0 = 20000 * day;  // 2024-10-04
+    auto hit = [](std::int64_t at, const char* cid) { return hit_t{at, "UA-1", cid, "p", "1", "", "", "y", "gui", "x,\"y\""}; };
+    ASSERT_TRUE(sqlite->append({hit(t0, "a"), hit(t0 + 2 * day, "a"), hit(t0, "b"), hit(t0 + 2 * day, "b")}));
+    std::int64_t erased = 0;
+    ASSERT_TRUE(sqlite->erase_before(utc_day(t0 + day), erased));
+    EXPECT_EQ(erased, 2);
+    ASSERT_TRUE(sqlite->erase_client("b", erased));
+    EXPECT_EQ(erased, 1);
+    EXPECT_EQ(exported(*sqlite), "received,tid,cid,an,av,cd1,cd2,cd3,ec,el\n"
+                                 "2024-10-06T00:00:00Z,UA-1,a,p,1,,,y,gui,\"x,\"\"y\"\"\"\n");
+    sqlite3* db = nullptr;
+    sqlite3_open((dir / "hits.db").c_str(), &db);
+    std::string rows;
+    sqlite3_exec(db, "SELECT 'u', cid, day, hits, active FROM user_days UNION ALL SELECT 'f', cid, day, hits, el "
+                     "FROM feature_days UNION ALL SELECT 's', cid, day, an, '' FROM first_seen ORDER BY 1",
+                 [](void* out, int n, char** values, char**) {
+                     for (int i = 0; i < n; ++i)
+                         *static_cast<std::string*>(out) += std::string(values[i]) + (i + 1 < n ? "|" : "\n");
+                     return 0;
+                 }, &rows, nullptr);
+    sqlite3_close(db);
+    EXPECT_EQ(rows, "f|a|2024-10-06|1|x,\"y\"\ns|a|2024-10-06|p|\nu|a|2024-10-06|1|1\n");
+}
+
+#ifdef USEMETER_TOOL
+// The real command as a child; its port comes from its listening line.
+pid_t spawn_collector(const std::string& store_uri, int& port)
+{
+    int out[2];
+    if (pipe(out) != 0)
+        return -1;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    const char* argv[] = {USEMETER_TOOL, "collector", "--listen", "127.0.0.1:0", "--store", store_uri.c_str(), nullptr};
+    pid_t pid = -1;
+    posix_spawn(&pid, USEMETER_TOOL, &actions, nullptr, const_cast<char**>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    char line[128] = "";
+    FILE* listening = fdopen(out[0], "r");
+    port = std::fgets(line, sizeof line, listening) && std::strrchr(line, ':') ? std::atoi(std::strrchr(line, ':') + 1) : 0;
+    std::fclose(listening);
+    return pid;
+}
+
+TEST_F(collector_test, every_hit_answered_200_survives_sigkill)
+{
+    std::set<std::string> acknowledged;
+    std::mutex mutex;
+    for (int round = 0; round < 6; ++round) {
+        int port = 0;
+        const pid_t pid = spawn_collector(store_uri, port);
+        ASSERT_TRUE(pid > 0 && port > 0);
+        std::atomic<bool> killed{false};
+        std::vector<std::thread> clients;
+        for (int c = 0; c < 8; ++c)
+            clients.emplace_back([&, c] {
+                httplib::Client client("127.0.0.1", port);
+                for (int n = 0; !killed; ++n) {
+                    const std::string cid = std::to_string(round) + "-" + std::to_string(c) + "-" + std::to_string(n);
+                    const auto answer = client.Post("/collect", "v=1&tid=UA-1&t=event&ec=k&cid=" + cid,
+                                                    "application/x-www-form-urlencoded");
+                    if (answer && answer->status == 200) {
+                        std::lock_guard<std::mutex> lock(mutex);
+                        acknowledged.insert(cid);
+                    }
+                }
+            });
+        std::this_thread::sleep_for(std::chrono::milliseconds(150 + 40 * round));
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        killed = true;
+        for (std::thread& client : clients)
+            client.join();
+    }
+    std::string error;
+    const std::string csv = exported(*open_store(store_uri, durability_t::normal, error));
+    std::set<std::string> stored;
+    std::istringstream in(csv);
+    for (std::string line, received, tid, cid; std::getline(std::getline(std::getline(in, received, ','), tid, ','), cid, ','); std::getline(in, line))
+        stored.insert(cid);
+    std::size_t missing = 0;
+    for (const std::string& cid : acknowledged)
+        missing += !stored.count(cid);
+    EXPECT_GT(acknowledged.size(), 600u);
+    EXPECT_EQ(missing, 0u) << "of " << acknowledged.size() << " acknowledged";
+}
+#endif
+
+}  // namespace
