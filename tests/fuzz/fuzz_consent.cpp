@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "fuzz_scratch.hpp"
-#include "network_status_detail.hpp"
 #include "usemeter/sys/statistic_impl.hpp"
 
 namespace {
@@ -40,9 +39,6 @@ struct setup_t {
     setup_t()
     {
         fuzz::policy_environment(home);
-        // The enablement decision made in the constructor resolves the corporate name; a
-        // numeric address keeps that off the network.
-        usemeter_1_5_7::detail::corporate_node_name = "127.0.0.1";
         probe = std::make_unique<consent_probe_t>();
         FUZZ_CHECK(!probe->optin_path().empty(), "no consent file path under the scratch HOME");
     }

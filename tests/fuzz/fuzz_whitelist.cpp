@@ -1,14 +1,15 @@
 // The whitelist lookup and the event body. Input: whitelist entries, one per line; the last
 // line is the feature name reported. Each input gets a whitelist file and a backend of its
-// own (the whitelist is read only at construction). The collector and the proxy are a
-// closed loopback port, so the one body that is posted fails at once and the connector
-// drops every later one without touching the network.
+// own (the whitelist is read only at construction). The host refuses every socket, so the one
+// body that is posted fails at once and the connector drops every later one without touching
+// the network.
 #include <set>
 #include <vector>
 
 #include "../support/locations_double.hpp"
 #include "basekit/variant_bag.hpp"
 #include "fuzz_scratch.hpp"
+#include "host/host_services.hpp"
 #include "usemeter/sys/host_facts.hpp"
 #include "usemeter/sys/statistic_impl_ga.hpp"
 
@@ -16,7 +17,12 @@ using usemeter_1_5_7::statistic_impl_ga_t;
 
 namespace {
 
+struct no_sockets_t : host::host_services_t {
+    int open_socket(int, int, int) override { return -1; }
+};
+
 struct setup_t {
+    no_sockets_t no_sockets;
     fuzz::scratch_t scratch;
     usemeter_test::locations_double_t locations;
     std::string whitelist_path = scratch.path("statistic/enabled_stat_events.xml");
@@ -28,10 +34,12 @@ struct setup_t {
         locations.data_dir = scratch.dir();
         fuzz::policy_environment(scratch);
         ::setenv("NORVEL_FORCE_FEEDBACK", "1", 1);
-        // Both routes the connector tries end at a closed loopback port: the explicit proxy,
-        // and the direct one, where libcurl itself honours http_proxy.
+        // Both routes go to a loopback proxy (the direct one too: libcurl honours http_proxy
+        // itself), so no name is resolved, and the host refuses the socket.
         ::setenv("http_proxy", "http://127.0.0.1:9", 1);
-        statistic_impl_ga_t::ga_url = "http://127.0.0.1:9/collect";
+        ::unsetenv("no_proxy");
+        ::unsetenv("NO_PROXY");
+        host::install(&no_sockets);
 
         prefix = std::string("v=1&tid=UA-12345678-42&cid=") + std::getenv("NORVEL_FORCE_UUID") +
                  "&an=fuzz&av=1.0&cd1=posix&cd2=" + encode(usemeter_1_5_7::get_os_name());
