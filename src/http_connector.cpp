@@ -74,6 +74,7 @@ std::set<int> open_descriptors()
         while (const dirent* entry = ::readdir(dir))
             if (entry->d_name[0] != '.')
                 descriptors.insert(std::atoi(entry->d_name));
+        descriptors.erase(::dirfd(dir));  // the listing's own, gone when it is closed
         ::closedir(dir);
     }
     return descriptors;
