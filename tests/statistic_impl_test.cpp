@@ -191,10 +191,8 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
         EXPECT_EQ(uuid, row.second == kept ? "short" : "");
         if (row.second == blank) {
             ASSERT_EQ(log.messages(), lines_t{"Return 'false' - empty uuid. reporting disabled"});
-            for (const auto& record : log.records()) {
-                if (record.message == "Return 'false' - empty uuid. reporting disabled")
-                    EXPECT_EQ(record.level, 20000);  // INFO
-            }
+            for (const auto& record : log.records())
+                EXPECT_TRUE(record.level == 20000 || record.message.rfind("Return 'false'", 0) != 0);
         }
     }
 }
