@@ -5,6 +5,7 @@
 
 #include "active_user_detector_detail.hpp"
 #include "basekit/variant_bag.hpp"
+#include "host/host_services.hpp"
 #include "usemeter/sys/filelock.hpp"
 
 namespace usemeter_1_5_7 {
@@ -117,7 +118,7 @@ void active_user_detector_t::get_current_date(date_t* out)
     // converts a given second once.
     thread_local std::time_t converted_second = -1;
     thread_local date_t converted_date{};
-    const std::time_t now = std::time(nullptr);
+    const std::time_t now = host::services().now();
     if (now != converted_second) {
         std::tm local;
         ::localtime_r(&now, &local);

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <sys/stat.h>
 
+#include "host/host_services.hpp"
+
 namespace usemeter_1_5_7 {
 
 namespace {
@@ -26,7 +28,7 @@ datetime_t datetime_t::from_tm(std::tm broken_down)
 
 datetime_t datetime_t::now()
 {
-    const std::time_t clock = std::time(nullptr);
+    const std::time_t clock = host::services().now();
     std::tm broken_down = {};
     ::gmtime_r(&clock, &broken_down);
     return from_tm(broken_down);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "basekit/environ.hpp"
+#include "host/host_services.hpp"
 
 namespace usemeter_1_5_7 {
 
@@ -24,7 +25,7 @@ bool filelock_t::lock()
         return true;
     // The exclusive create is the whole protocol; why it failed (lock held, directory
     // missing, no permission) makes no difference to the caller.
-    const int fd = ::open(lock_path.as_string(false).c_str(), O_RDONLY | O_CREAT | O_EXCL, 0666);
+    const int fd = host::services().open_file(lock_path.as_string(false), O_RDONLY | O_CREAT | O_EXCL, 0666);
     if (fd < 0)
         return false;
     locked = true;

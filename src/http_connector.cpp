@@ -23,10 +23,17 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <dirent.h>
 #include <exception>
+#include <fcntl.h>
 #include <memory>
+#include <new>
+#include <set>
+#include <unistd.h>
 
 #include <curl/curl.h>
+
+#include "host/host_services.hpp"
 
 // curl_easy_escape has ignored its handle argument since 7.82.0 (before that it could consult
 // the handle for a character-set conversion). urlencode() relies on that to escape on host
@@ -51,10 +58,89 @@ size_t http_connector_t::discard_response(char*, size_t size, size_t nmemb, void
     return size * nmemb;
 }
 
-// No CURLOPT_NOSIGNAL: this libcurl resolves names on a thread of its own, so its time-outs
-// never raise SIGALRM in the host process.
+void body_queue_t::forget_other_threads()
+{
+    new (&mtx_) boost::mutex();
+    new (&cond_) boost::condition_variable();
+}
+
+namespace {
+
+// Every socket of a transfer is close-on-exec, so no support tool inherits a connection.
+curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* address)
+{
+    const int fd = host::services().open_socket(address->family, address->socktype, address->protocol);
+    return fd < 0 ? CURL_SOCKET_BAD : fd;
+}
+
+// libcurl keeps a socket pair of its own in every multi handle (and so in the one behind
+// curl_easy_perform) and creates it without close-on-exec. The worker therefore drives its
+// transfers through a multi handle it makes itself, and marks whatever descriptors appear while
+// that handle is made.
+std::set<int> open_descriptors()
+{
+    std::set<int> descriptors;
+    if (DIR* dir = ::opendir("/proc/self/fd")) {
+        while (const dirent* entry = ::readdir(dir))
+            if (entry->d_name[0] != '.')
+                descriptors.insert(std::atoi(entry->d_name));
+        descriptors.erase(::dirfd(dir));  // the listing's own, gone when it is closed
+        ::closedir(dir);
+    }
+    return descriptors;
+}
+
+CURLM* make_multi_handle()
+{
+    const std::set<int> before = open_descriptors();
+    CURLM* multi = curl_multi_init();
+    for (const int fd : open_descriptors())
+        if (!before.count(fd)) {
+            const int flags = ::fcntl(fd, F_GETFD);
+            if (flags >= 0)
+                ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
+        }
+    return multi;
+}
+
+// The worker's multi handle, used by that thread alone.
+thread_local CURLM* worker_multi = nullptr;
+
+// curl_easy_perform over the worker's own multi handle; connections stay cached in it.
+CURLcode perform_transfer(CURL* curl)
+{
+    if (!worker_multi || curl_multi_add_handle(worker_multi, curl) != CURLM_OK)
+        return CURLE_FAILED_INIT;
+    CURLcode result = CURLE_FAILED_INIT;
+    for (int running = 1; running;) {
+        if (curl_multi_perform(worker_multi, &running) != CURLM_OK)
+            break;
+        if (running && curl_multi_poll(worker_multi, nullptr, 0, 1000, nullptr) != CURLM_OK)
+            break;
+    }
+    int left = 0;
+    while (const CURLMsg* message = curl_multi_info_read(worker_multi, &left))
+        if (message->msg == CURLMSG_DONE)
+            result = message->data.result;
+    curl_multi_remove_handle(worker_multi, curl);
+    return result;
+}
+
+// What a connector leaves behind in a forked child stays reachable from here, so that a leak
+// checker at the child's exit does not count it.
+std::vector<const void*>& abandoned_in_child()
+{
+    static std::vector<const void*> objects;
+    return objects;
+}
+
+}  // namespace
+
+// CURLOPT_NOSIGNAL: the library never touches the host's signal dispositions (libcurl would
+// swap SIGPIPE's around each transfer). This libcurl resolves names on a thread of its own, so
+// its time-outs need no SIGALRM either.
 http_connector_t::http_connector_t(const char* url)
-    : curl(nullptr), url(url), current_proxy(0), active(true)
+    : curl(nullptr), url(url), current_proxy(0), active(true), owner_pid(::getpid())
 {
     curl_global_init(CURL_GLOBAL_ALL);
     curl = curl_easy_init();
@@ -62,6 +148,8 @@ http_connector_t::http_connector_t(const char* url)
         curl_easy_setopt(curl, CURLOPT_URL, this->url.c_str());
         curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &http_connector_t::discard_response);
         curl_easy_setopt(curl, CURLOPT_TIMEOUT, 5L);
+        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, &open_socket);
     }
     try {
         worker.reset(new boost::thread(&http_connector_t::backgroundThread, this));
@@ -74,6 +162,15 @@ http_connector_t::http_connector_t(const char* url)
 
 http_connector_t::~http_connector_t()
 {
+    if (::getpid() != owner_pid) {
+        // A forked child has the object but not its worker: joining would wait forever, and
+        // the handle may be mid-transfer in the parent's copy. Both are left as they are; the
+        // queued bodies are the parent's to send.
+        abandoned_in_child().push_back(worker.release());
+        abandoned_in_child().push_back(curl);
+        queue.forget_other_threads();
+        return;
+    }
     try {
         // A host that interrupts its own boost::thread must not cut the join short: the handle
         // is released below and the worker may still be using it.
@@ -115,12 +212,15 @@ void http_connector_t::backgroundThread()
 {
     collect_proxy_info(url.c_str(), &proxies);
     proxies.push_back(std::string());
+    worker_multi = make_multi_handle();
     for (;;) {
         std::string body;
         if (queue.wait_pull(body) != boost::concurrent::queue_op_status::success || body.empty())
-            return;
+            break;
         perform_post(std::move(body));
     }
+    curl_multi_cleanup(worker_multi);
+    worker_multi = nullptr;
 }
 
 // Taken by value: CURLOPT_POSTFIELDS does not copy, so the body must outlive every attempt.
@@ -133,11 +233,13 @@ void http_connector_t::perform_post(std::string data)
     for (std::uint32_t attempt = 0; attempt < n; ++attempt) {
         const std::string& proxy = proxies[current_proxy];
         // A null pointer, not "": the route without an explicit proxy keeps libcurl's own
-        // environment rules, whereas "" would forbid every proxy.
+        // environment rules, whereas "" would forbid every proxy. An explicit proxy is always
+        // used: an empty exclusion list keeps no_proxy from sending that attempt around it.
         curl_easy_setopt(curl, CURLOPT_PROXY,
                          proxy.empty() ? static_cast<const char*>(nullptr) : proxy.c_str());
+        curl_easy_setopt(curl, CURLOPT_NOPROXY, proxy.empty() ? static_cast<const char*>(nullptr) : "");
         long status = 0;
-        if (curl_easy_perform(curl) == CURLE_OK
+        if (perform_transfer(curl) == CURLE_OK
             && curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK
             && status == 200) {
             ++delivered_bodies;

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "host/host_services.hpp"
 #include "network_status_detail.hpp"
 
 #ifndef USEMETER_CORPORATE_DOMAIN
@@ -11,18 +12,6 @@
 #endif
 
 namespace usemeter_1_5_7 {
-namespace detail {
-
-const char* corporate_node_name = USEMETER_CORPORATE_DOMAIN;
-lookup_fn lookup = &::getaddrinfo;
-
-}  // namespace detail
-
-const char* get_corporate_node_name()
-{
-    return detail::corporate_node_name;
-}
-
 namespace detail {
 
 int classify_lookup(int gai_error, const addrinfo* list)
@@ -49,7 +38,14 @@ int classify_lookup(int gai_error, const addrinfo* list)
     return nsOk;
 }
 
-int get_network_status_for(const char* node)
+}  // namespace detail
+
+const char* statistic_impl_t::corporate_node_name()
+{
+    return USEMETER_CORPORATE_DOMAIN;
+}
+
+int get_network_status()
 {
     addrinfo hints{};
     hints.ai_flags = 0;
@@ -57,20 +53,12 @@ int get_network_status_for(const char* node)
     hints.ai_socktype = SOCK_DGRAM;
     hints.ai_protocol = 17;  // UDP
 
+    host::host_services_t& services = host::services();
     addrinfo* list = nullptr;
-    const int gai_error = lookup(node, "domain", &hints, &list);
-    const int status = classify_lookup(gai_error, gai_error == 0 ? list : nullptr);
-    // Some C libraries crash on freeaddrinfo(nullptr).
-    if (list)
-        ::freeaddrinfo(list);
+    const int gai_error = services.resolve(USEMETER_CORPORATE_DOMAIN, "domain", hints, &list);
+    const int status = detail::classify_lookup(gai_error, gai_error == 0 ? list : nullptr);
+    services.release_addresses(list);
     return status;
-}
-
-}  // namespace detail
-
-int get_network_status()
-{
-    return detail::get_network_status_for(detail::corporate_node_name);
 }
 
 }  // namespace usemeter_1_5_7

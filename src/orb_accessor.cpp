@@ -4,10 +4,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "basekit/environ.hpp"
+#include "host/host_services.hpp"
+#include "process/process.hpp"
 #include "rtbase/strings.hpp"
 #include "tracelog/tracelog.hpp"
 #include "usemeter/sys/filelock.hpp"
@@ -49,7 +50,7 @@ bool is_tool_lookup_quiet()
 // readable by its owner alone: it carries the user's identifier in a shared directory.
 int open_exchange_file(const std::string& name, int flags)
 {
-    const int fd = ::open(name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+    const int fd = host::services().open_file(name, flags | O_NONBLOCK, 0600);
     if (fd < 0)
         return -1;
     struct stat info;
@@ -104,7 +105,7 @@ bool send_consumed_file(const orb_accessor_impl_t& bridge, const char* label, co
                         const basekit::path_t& file, bool flag)
 {
     const std::string file_text = file.as_string(false);
-    LOG4CPLUS_INFO(logger, label << file_text);
+    LOG4CPLUS_INFO(logger, label << rtbase::escape_controls(file_text));
 
     std::vector<std::string> arguments = {"-t", "i", "-e", event};
     if (flag)
@@ -167,7 +168,7 @@ void orb_accessor_impl_t::check_for_updates(const std::string& product_guid)
     TRACELOG_SCOPE(logger,
                    "virtual void usemeter_1_5_7::orb_accessor_impl_t::check_for_updates("
                    "const std::basic_string<char, std::char_traits<char>, std::allocator<char>>&)");
-    LOG4CPLUS_INFO(logger, "product_guid=" << product_guid);
+    LOG4CPLUS_INFO(logger, "product_guid=" << rtbase::escape_controls(product_guid));
     if (!is_check_for_updates_enabled()) {
         LOG4CPLUS_INFO(logger, "Check for updates disabled.");
         return;
@@ -261,7 +262,8 @@ basekit::path_t orb_accessor_impl_t::get_orb_location(orb_tool_t tool) const
         return basekit::path_t();
     const tool_entry_t& entry = tools[index];
 
-    const basekit::path_t home(basekit::get_environ_value("HOME"));
+    // Both variables choose a program: a privileged process does not take them from its caller.
+    const basekit::path_t home(basekit::get_secure_environ_value("HOME"));
     if (!home.empty()) {
         basekit::path_t candidate(home);
         candidate.append("norvel").append(entry.sub_directory).append(entry.executable);
@@ -275,7 +277,7 @@ basekit::path_t orb_accessor_impl_t::get_orb_location(orb_tool_t tool) const
         return system_candidate;
 
     // Consulted last on purpose: an installed tool wins over the override.
-    const std::string override_dir = basekit::get_environ_value("NORVEL_ORBTOOL_DIR");
+    const std::string override_dir = basekit::get_secure_environ_value("NORVEL_ORBTOOL_DIR");
     if (!override_dir.empty()) {
         basekit::path_t candidate(override_dir);
         candidate.append(entry.executable);
@@ -301,10 +303,15 @@ int orb_accessor_impl_t::invoke_orb(orb_tool_t tool, const std::vector<std::stri
 
     const basekit::path_t location = get_orb_location(tool);
     const std::string location_text = location.as_string(false);
-    LOG4CPLUS_INFO(logger, "orb location=" << location_text);
+    LOG4CPLUS_INFO(logger, "orb location=" << rtbase::escape_controls(location_text));
     if (!location.is_exists()) {
         if (!is_tool_lookup_quiet())
             TRACELOG_ERROR(logger, "Failed to find orb location");
+        return -1;
+    }
+    // A privileged process would lend its rights to whoever can replace the tool.
+    if (process::is_privileged() && !process::is_trusted_program(location_text)) {
+        TRACELOG_ERROR(logger, "orb location not trusted in a privileged process");
         return -1;
     }
 
@@ -328,30 +335,17 @@ int orb_accessor_impl_t::invoke_orb(orb_tool_t tool, const std::vector<std::stri
             command_line += ' ';
         command_line += argument;
     }
-    LOG4CPLUS_INFO(logger, "orb command line='" << command_line << "'");
+    LOG4CPLUS_INFO(logger, "orb command line='" << rtbase::escape_controls(command_line) << "'");
 
-    // Everything the child touches is ready now: a vfork child shares our memory and
-    // stack, so it may do nothing but exec or exit.
-    const char* const program = location_text.c_str();
-    char* const* const argv = argument_pointers.data();
-    const pid_t child = ::vfork();
-    if (child == 0) {
-        ::execv(program, argv);
-        ::_exit(-1);
-    }
+    const pid_t child = host::services().start_child(location_text.c_str(), argument_pointers.data());
     if (child == -1) {
         TRACELOG_ERROR(logger, "fork() call was failed");
         return -1;
     }
+    // Asynchronous children are not reaped here: the host owns its children.
     if (!sync)
         return 0;
-
-    int status = 0;
-    pid_t waited;
-    do {
-        waited = ::waitpid(child, &status, 0);
-    } while (waited == -1 && errno == EINTR);
-    const int result = waited == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    const int result = process::wait_exit_status(child);
     LOG4CPLUS_INFO(logger, "orb return code=" << result);
     return result;
 }

@@ -1,11 +1,16 @@
 #include "usemeter/sys/statistic_impl.hpp"
 
-#include <fstream>
+#include <cctype>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 
 #include "basekit/environ.hpp"
 #include "basekit/variant_bag.hpp"
+#include "host/host_services.hpp"
+#include "rtbase/strings.hpp"
 #include "tracelog/tracelog.hpp"
 #include "usemeter/sys/host_facts.hpp"
 #include "usemeter/product_locations.hpp"
@@ -20,6 +25,48 @@ bool is_set(const char* variable)
 {
     // Only presence counts: "0" or "no" switch as surely as "1".
     return !basekit::get_environ_value(variable).empty();
+}
+
+// A name that would lead out of its own directory under $HOME/norvel.
+bool is_unsafe_directory_name(const std::string& name)
+{
+    return name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos;
+}
+
+// The consent decision needs the first token's first two bytes; blanks before it are skipped
+// only this far, so a huge file costs no more than this.
+const std::size_t consent_read_limit = 64 * 1024;
+
+enum class token_t { unreadable, one, other };
+
+token_t read_first_token(const std::string& path)
+{
+    // O_NONBLOCK: a FIFO planted in the file's place must not hang the host.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return token_t::unreadable;
+    std::string token;
+    bool token_ended = false;
+    std::size_t total = 0;
+    ssize_t got = 0;
+    char buffer[4096];
+    while (!token_ended && total < consent_read_limit) {
+        got = ::read(fd, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break;
+        total += static_cast<std::size_t>(got);
+        for (ssize_t i = 0; i < got && !token_ended; ++i) {
+            if (std::isspace(static_cast<unsigned char>(buffer[i])) == 0)
+                token += buffer[i];
+            token_ended = token.size() == 2 || (!token.empty() && std::isspace(static_cast<unsigned char>(buffer[i])));
+        }
+    }
+    ::close(fd);
+    if (got < 0 && total == 0)  // e.g. a directory in the file's place
+        return token_t::unreadable;
+    return token == "1" ? token_t::one : token_t::other;
 }
 
 }  // namespace
@@ -42,12 +89,18 @@ bool statistic_impl_t::initialize_paths()
     try {
         const prodenv::IProductLocations* locations = prodenv::IProductLocations::get();
 
-        const std::string home = basekit::get_environ_value("HOME");
+        // HOME chooses where files are written: a privileged process does not take it from its caller.
+        const std::string home = basekit::get_secure_environ_value("HOME");
         const boost::filesystem::path base =
             boost::filesystem::path(home.empty() ? std::string(".") : home) / "norvel";
 
         const char* product_dir = locations ? locations->getProductDirName() : nullptr;
         const std::string product = product_dir ? std::string(product_dir) : product_name_;
+        if (is_unsafe_directory_name(product)) {
+            LOG4CPLUS_INFO(logger, "statistic disabled: product name '" << rtbase::escape_controls(product)
+                                   << "' cannot name a directory");
+            return false;
+        }
 
         boost::filesystem::create_directories(base);
         optin_path_ = (base / "optin").string();
@@ -196,21 +249,13 @@ int statistic_impl_t::get_user_consent() const
         break;
     }
 
-    std::ifstream in(optin_path_.c_str());
-    if (!in.is_open() || !in.good()) {
-        LOG4CPLUS_TRACE(logger, "optin file missing/not readable");
-        return ucUnknown;
-    }
-    std::string token;
-    in >> token;
-    // A read error (not a plain end of file) means the file could not be read at all,
-    // e.g. a directory in its place: no decision is on record.
-    if (in.bad()) {
+    const token_t token = read_first_token(optin_path_);
+    if (token == token_t::unreadable) {
         LOG4CPLUS_TRACE(logger, "optin file missing/not readable");
         return ucUnknown;
     }
     LOG4CPLUS_TRACE(logger, "optin file content read");
-    if (token == "1") {
+    if (token == token_t::one) {
         LOG4CPLUS_TRACE(logger, "optin file enables statistic");
         return ucGranted;
     }
@@ -220,12 +265,10 @@ int statistic_impl_t::get_user_consent() const
 
 void statistic_impl_t::set_statistic_collection_enabled(bool enabled)
 {
-    {
-        // Failures are silent by contract: the decision below then reflects the old file.
-        std::ofstream out(optin_path_.c_str(), std::ios::out | std::ios::trunc);
-        if (out.is_open() && out.good())
-            out.put(enabled ? '1' : '0');
-    }
+    // Replaced, not truncated: a link planted at the name is not followed, a full disk keeps
+    // the recorded answer, and a reader never meets an empty file. Failures are silent by
+    // contract: the decision below then reflects the old file.
+    host::services().replace_file(optin_path_, enabled ? "1" : "0");
     enabled_ = is_enabled();
 }
 

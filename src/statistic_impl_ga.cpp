@@ -3,6 +3,7 @@
 #include <log4cplus/loggingmacros.h>
 
 #include "basekit/variant_bag.hpp"
+#include "rtbase/strings.hpp"
 #include "tracelog/tracelog.hpp"
 #include "usemeter/sys/host_facts.hpp"
 #include "usemeter/product_locations.hpp"
@@ -16,6 +17,8 @@ const log4cplus::Logger logger = tracelog::log::component_logger("usemeter.stati
 const char* const measurement_tracking_id = "UA-12345678-42";
 const char* const os_family = "posix";
 const std::string run_prefix = "run.";
+// The collector refuses longer bodies, and one refused body switches delivery off.
+const std::size_t protocol_body_limit = 8192;
 
 }  // namespace
 
@@ -68,7 +71,7 @@ void statistic_impl_ga_t::notify_feature_usage_ex(const std::string& name, unsig
     TRACELOG_SCOPE(logger, "virtual void usemeter_1_5_7::statistic_impl_ga_t::notify_feature_usage_ex("
                            "const std::basic_string<char, std::char_traits<char>, std::allocator<char>>&, "
                            "unsigned long long)");
-    TRACELOG_INFO(logger, "feature_name=" << name << " value=" << value);
+    TRACELOG_INFO(logger, "feature_name=" << rtbase::escape_controls(name) << " value=" << value);
 
     // Days of use count whether or not anything may be sent.
     active_user_detector.notify_activity();
@@ -108,7 +111,13 @@ bool statistic_impl_ga_t::resolve_event(const std::string& name, std::string& ca
 
 void statistic_impl_ga_t::queue_ga_event(const std::string& category, const std::string& label)
 {
-    connector.post(build_event_body(category, label));
+    std::string body = build_event_body(category, label);
+    if (body.size() > protocol_body_limit) {
+        LOG4CPLUS_INFO(logger, "hit not sent: its body of " << body.size() << " bytes exceeds the "
+                               "protocol's limit of " << protocol_body_limit << " bytes");
+        return;
+    }
+    connector.post(std::move(body));
 }
 
 std::string statistic_impl_ga_t::build_event_body(const std::string& category, const std::string& label)

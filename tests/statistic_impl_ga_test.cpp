@@ -9,8 +9,8 @@
 
 #include <boost/filesystem/operations.hpp>
 
-#include "network_status_detail.hpp"
 #include "prodenv/fixed_locations.hpp"
+#include "support/host_double.hpp"
 #include "support/http_server.hpp"
 #include "support/temp_home.hpp"
 #include "tracelog/log_capture.hpp"
@@ -52,12 +52,10 @@ protected:
     http_server_t proxy;
     scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
     std::unique_ptr<prodenv::fixed_locations_t> locations = std::make_unique<prodenv::fixed_locations_t>();
-    const char* saved_corporate_node = usemeter_1_5_7::detail::corporate_node_name;
+    host_double_t host;
 
     e2e()
     {
-        // Numeric: the corporate-network test answers "not excluded" without any DNS.
-        usemeter_1_5_7::detail::corporate_node_name = "127.0.0.1";
         locations->data_dir = data.path();
         make_dirs(data / "statistic");
         // Entries without a string name must be skipped.
@@ -70,7 +68,6 @@ protected:
         make_dirs(home / "norvel");
         write_file(home / "norvel/optin", "1");
     }
-    ~e2e() override { usemeter_1_5_7::detail::corporate_node_name = saved_corporate_node; }
 
     strings_t bodies() const
     {
@@ -159,7 +156,7 @@ TEST_F(e2e, disabled_refused_or_excluded_collection_sends_nothing)
     boost::filesystem::remove(home / "norvel/optin");
     EXPECT_TRUE(run({"run.a"}).empty());
     write_file(home / "norvel/optin", "1");
-    usemeter_1_5_7::detail::corporate_node_name = "10.1.2.3";
+    host.resolves_as = "10.1.2.3";
     EXPECT_TRUE(run({"run.a"}).empty());
 }
 

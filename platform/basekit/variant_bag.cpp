@@ -11,6 +11,8 @@
 
 #include <pugixml.hpp>
 
+#include "host/host_services.hpp"
+
 namespace basekit {
 
 // ---- variant_t -------------------------------------------------------------------------
@@ -314,36 +316,6 @@ void bag_to_xml(const variant_bag_t& bag, pugi::xml_node element)
     }
 }
 
-bool write_all(int fd, const std::string& data)
-{
-    std::size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-// Writes the text to a fresh file beside the target and renames it over the target.
-bool replace_file(const std::string& target, const std::string& text)
-{
-    std::string temp = target + ".XXXXXX";
-    const int fd = ::mkstemp(&temp[0]);
-    if (fd < 0)
-        return false;
-    // mkstemp creates 0600; state files are ordinary per-user files.
-    const bool written = ::fchmod(fd, 0644) == 0 && write_all(fd, text) && ::fsync(fd) == 0;
-    const bool closed = ::close(fd) == 0;
-    if (written && closed && ::rename(temp.c_str(), target.c_str()) == 0)
-        return true;
-    ::unlink(temp.c_str());
-    return false;
-}
-
 }  // namespace
 
 int parse_variant_bag(variant_bag_t& bag, const std::string& xml, const std::string& root)
@@ -377,7 +349,7 @@ int save_variant_bag2(const variant_bag_t& bag, const path_t& path, const std::s
         bag_to_xml(bag, document.append_child(root.c_str()));
         std::ostringstream text;
         document.save(text, "  ", pugi::format_default, pugi::encoding_utf8);
-        return replace_file(path.as_string(false), text.str()) ? 1 : 0;
+        return host::services().replace_file(path.as_string(false), text.str()) ? 1 : 0;
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception&) {

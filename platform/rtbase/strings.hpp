@@ -13,6 +13,11 @@ typedef std::string ustring;
 // are taken as UTF-8 already, so the text passes unchanged.
 ustring to_ustring(const std::string& text);
 
+// Host-supplied text as a log record may carry it: control characters become escapes
+// (a newline as \n, ESC as \x1b), so no name can forge a record line or a terminal sequence. Other
+// bytes, backslashes included, pass unchanged.
+std::string escape_controls(const std::string& text);
+
 namespace strings {
 
 // Removes every character of `set` from the leading end (trailing == false) or from the

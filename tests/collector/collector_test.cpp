@@ -92,8 +92,6 @@ TEST_F(collector_test, library_hits_through_the_proxy_route_are_stored)
                "<bag><event type=\"bag\"><name type=\"string\">gui</name></event></bag>");
     make_dirs(home / "norvel");
     write_file(home / "norvel/optin", "1");
-    const char* saved_node = usemeter::detail::corporate_node_name;
-    usemeter::detail::corporate_node_name = "127.0.0.1";  // numeric: no DNS, not excluded
     std::vector<std::string> targets;
     collector->set_observer([&](const hit_request_t& r) { targets.push_back(r.method + " " + r.target); });
     std::string cid;
@@ -103,7 +101,6 @@ TEST_F(collector_test, library_hits_through_the_proxy_route_are_stored)
         backend.notify_feature_usage("gui.open.file");
         backend.notify_feature_usage("run.build");
     }  // waits for delivery
-    usemeter::detail::corporate_node_name = saved_node;
     EXPECT_EQ(targets, std::vector<std::string>(2, "POST http://www.google-analytics.com/collect"));
     const std::string csv = exported(*store);
     EXPECT_EQ(count_lines(csv, ",UA-12345678-42," + cid + ",trovix,2024.1.0,posix,"), 2u) << csv;

@@ -96,7 +96,7 @@ json environment_section(const usemeter::statistic_impl_ga_t& statistic)
 json network_section(const usemeter::statistic_impl_ga_t& statistic)
 {
     const bool tested = statistic.consults_network();
-    return {{"corporate_name", usemeter::get_corporate_node_name()},
+    return {{"corporate_name", usemeter::statistic_impl_t::corporate_node_name()},
             {"tested", tested},
             {"status", tested ? json(network_status_name(usemeter::get_network_status())) : json()}};
 }

@@ -20,6 +20,16 @@ typedef void CURL;  // as libcurl declares it
 
 namespace usemeter_1_5_7 {
 
+// The connector's queue, which a forked child can let go of: the child's copy of the
+// condition variable still counts the parent's waiting worker, and destroying it would wait
+// for that worker forever.
+class body_queue_t : public boost::sync_queue<std::string> {
+public:
+    // Only in a forked child, where no other thread exists: starts the lock and the condition
+    // afresh, leaving the inherited copies as they are.
+    void forget_other_threads();
+};
+
 class USEMETER_API http_connector_t {
 public:
     explicit http_connector_t(const char* url);
@@ -43,13 +53,15 @@ private:
     void perform_post(std::string data);
     static size_t discard_response(char* ptr, size_t size, size_t nmemb, void* userdata);
 
-    boost::sync_queue<std::string> queue;
+    body_queue_t queue;
     std::unique_ptr<boost::thread> worker;
     CURL* curl;
     std::string url;
     std::vector<std::string> proxies;
     std::uint32_t current_proxy;
     bool active;
+    // The process that started the worker; in a forked child the destructor does not join.
+    int owner_pid;
 };
 
 // Appends the proxy candidates for url: the value of "http_proxy" verbatim, if set.

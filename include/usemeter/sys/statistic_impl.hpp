@@ -53,6 +53,8 @@ public:
     const std::string& uuid_path() const { return uuid_path_; }
     const boost::filesystem::path& settings_dir() const { return settings_dir_; }
     bool consults_network() const;
+    // The DNS name (or numeric address) that the corporate-network test resolves.
+    static const char* corporate_node_name();
 
 protected:
     std::string optin_path_;
@@ -74,9 +76,6 @@ enum network_status_t {
 // resolves to a 10.0.0.0/8 address, nsOk when it does not or is unknown, nsError when
 // the look-up itself failed. Blocks for as long as the system resolver takes.
 USEMETER_API int get_network_status();
-
-// The DNS name (or numeric address) get_network_status() resolves.
-USEMETER_API const char* get_corporate_node_name();
 
 }  // namespace usemeter_1_5_7
 
