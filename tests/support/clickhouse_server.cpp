@@ -38,6 +38,7 @@ std::string config_xml(const std::string& dir, int port)
     return "<yandex><logger><level>warning</level><log>" + dir + "/log/server.log</log><errorlog>" + dir +
            "/log/err.log</errorlog><console>0</console></logger><http_port>" + std::to_string(port) +
            "</http_port><listen_host>127.0.0.1</listen_host>"
+           // On SIGTERM the server waits for idle kept-alive connections; 1 s keeps a stop short.
            "<keep_alive_timeout>1</keep_alive_timeout><path>" + dir + "/data/</path><tmp_path>" + dir +
            "/tmp/</tmp_path><user_files_path>" + dir + "/user_files/</user_files_path><format_schema_path>" +
            dir + "/format_schemas/</format_schema_path><users_config>" + dir +
