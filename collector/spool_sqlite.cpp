@@ -159,19 +159,19 @@ outcome_t spool_t::append(const std::vector<hit_t>& hits)
     return {};
 }
 
-outcome_t spool_t::read_oldest(std::size_t limit, std::vector<spooled_hit_t>& hits)
+outcome_t spool_t::read_after(std::int64_t seq, std::size_t limit, std::vector<spooled_hit_t>& hits)
 {
     connection_t& c = *reader_;
     std::lock_guard<std::mutex> lock(c.mutex);
-    hits.clear();
     sqlite3_stmt* stmt = nullptr;
     if (sqlite3_prepare_v2(c.db,
                            "SELECT seq, received, tid, cid, an, av, cd1, cd2, cd3, ec, el FROM spool"
-                           " ORDER BY seq LIMIT ?",
+                           " WHERE seq > ? ORDER BY seq LIMIT ?",
                            -1, &stmt, nullptr) != SQLITE_OK)
         return c.failed("cannot read");
     std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finalize(stmt, sqlite3_finalize);
-    sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(limit));
+    sqlite3_bind_int64(stmt, 1, seq);
+    sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(limit));
     int rc;
     while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
         spooled_hit_t spooled;

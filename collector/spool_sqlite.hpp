@@ -40,8 +40,8 @@ public:
 
     // All of them or none, durable as durability promises.
     outcome_t append(const std::vector<hit_t>& hits);
-    // Up to limit of the oldest hits, oldest first.
-    outcome_t read_oldest(std::size_t limit, std::vector<spooled_hit_t>& hits);
+    // Appends to hits up to limit of the oldest hits after seq, oldest first.
+    outcome_t read_after(std::int64_t seq, std::size_t limit, std::vector<spooled_hit_t>& hits);
     // Drops every hit up to and including seq (they have been acknowledged).
     outcome_t remove_through(std::int64_t seq);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -37,11 +38,19 @@ std::string create_table_sql(const std::string& table)
            " ORDER BY (an, day, collector, seq)";
 }
 
-std::string tsv_rows(const std::string& instance, const std::vector<spooled_hit_t>& hits)
+// Hits read from the spool, and their rows for an insert.
+struct batch_t {
+    std::vector<spooled_hit_t> hits;
+    std::string rows;
+};
+
+// The rows of hits[first...].
+std::string tsv_rows(const std::string& instance, const std::vector<spooled_hit_t>& hits, std::size_t first)
 {
     std::string rows;
-    rows.reserve(hits.size() * 160);
-    for (const spooled_hit_t& spooled : hits) {
+    rows.reserve((hits.size() - first) * 160);
+    for (std::size_t i = first; i < hits.size(); ++i) {
+        const spooled_hit_t& spooled = hits[i];
         const hit_t& hit = spooled.hit;
         rows += instance + '\t' + std::to_string(spooled.seq) + '\t' + std::to_string(hit.received) +
                 '\t' + utc_day(hit.received);
@@ -215,6 +224,8 @@ private:
         return stopping_;
     }
 
+    // Sends the oldest batch. While ClickHouse inserts it, the next one is read and formatted,
+    // so that the spool's share of the time hides behind the insert's.
     outcome_t forward_batch(clickhouse_http_t& http)
     {
         if (!schema_ready_) {
@@ -223,20 +234,42 @@ private:
                 return created;
             schema_ready_ = true;
         }
-        std::vector<spooled_hit_t> hits;
-        outcome_t outcome = spool_->read_oldest(options_.batch_rows, hits);
-        if (!outcome || hits.empty())
+        batch_t batch = std::move(next_);
+        next_ = batch_t();
+        outcome_t outcome = top_up(batch, 0);
+        if (!outcome || batch.hits.empty())
             return outcome;
         if (!fault_allows(forward_step_t::send))
             return outcome_t::failure("injected fault before sending");
-        outcome = http.run("INSERT INTO " + table_ + " (" + hit_columns + ") FORMAT TabSeparated",
-                           tsv_rows(spool_->instance(), hits));
+        auto insert = std::async(std::launch::async, [&] {
+            return http.run("INSERT INTO " + table_ + " (" + hit_columns + ") FORMAT TabSeparated", batch.rows);
+        });
+        top_up(next_, batch.hits.back().seq);
+        outcome = insert.get();
         if (outcome && !fault_allows(forward_step_t::acknowledged))
-            return outcome_t::failure("injected fault: the acknowledgement was lost");
+            outcome = outcome_t::failure("injected fault: the acknowledgement was lost");
         if (outcome)
-            outcome = spool_->remove_through(hits.back().seq);
-        if (outcome)
-            forwarded_ += hits.size();
+            outcome = spool_->remove_through(batch.hits.back().seq);
+        if (!outcome) {
+            next_ = batch_t();  // sent again whole, from the oldest hit on
+            return outcome;
+        }
+        forwarded_ += batch.hits.size();
+        return outcome;
+    }
+
+    // Fills batch up to batch_rows with the hits after its last (or after seq when empty).
+    outcome_t top_up(batch_t& batch, std::int64_t seq)
+    {
+        const std::size_t had = batch.hits.size();
+        if (had >= options_.batch_rows)
+            return {};
+        const outcome_t outcome = spool_->read_after(had ? batch.hits.back().seq : seq,
+                                                     options_.batch_rows - had, batch.hits);
+        if (!outcome)
+            batch = batch_t();
+        else
+            batch.rows += tsv_rows(spool_->instance(), batch.hits, had);
         return outcome;
     }
 
@@ -301,7 +334,8 @@ private:
     const clickhouse_address_t address_;
     const std::string table_;
     std::unique_ptr<spool_t> spool_;
-    bool schema_ready_ = false;  // the forwarder's own
+    bool schema_ready_ = false;  // the forwarder's own, like next_
+    batch_t next_;
     std::atomic<std::uint64_t> refused_{0};
     std::atomic<std::uint64_t> forwarded_{0};
     std::atomic<std::uint64_t> forward_failures_{0};
