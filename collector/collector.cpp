@@ -141,7 +141,7 @@ outcome_t collector_t::open_storage()
     impl_->store = options_.store_instance;
     if (!impl_->store) {
         std::string error;
-        impl_->store = open_store(options_.store, options_.durability, error);
+        impl_->store = open_store(options_.store, options_.durability, error, options_.spool);
         if (!impl_->store)
             return outcome_t::failure(error);
     }
@@ -231,7 +231,8 @@ void collector_t::add_routes()
         res.set_content(healthy_ ? "ok\n" : "the store cannot commit\n", "text/plain");
     });
     server.Get("/metrics", [this](const httplib::Request&, httplib::Response& res) {
-        res.set_content(metrics_.prometheus_text(impl_->queue->depth()), "text/plain; version=0.0.4");
+        res.set_content(metrics_.prometheus_text(impl_->queue->depth()) + impl_->store->metrics_text(),
+                        "text/plain; version=0.0.4");
     });
     server.Get("/rejections", [this](const httplib::Request& req, httplib::Response& res) {
         if (!is_loopback_peer(req.remote_addr)) {

@@ -50,6 +50,8 @@ struct collector_options_t {
     std::string listen = "127.0.0.1:8080";  // "ADDR:PORT", "[::1]:PORT"; port 0: any free port
     std::string store = "sqlite:usemeter-hits.db";
     durability_t durability = durability_t::normal;
+    // The ClickHouse store's local spool.
+    spool_options_t spool{"usemeter-spool.db"};
     // Fault modes from the start (see the methods of the same names below).
     int answer = 0;    // non-zero: answer every hit request with this status, store nothing
     int hold_ms = 0;   // non-zero: hold every hit request this long before serving it

@@ -33,11 +33,24 @@ public:
     virtual outcome_t erase_client(const std::string& cid, std::int64_t& erased) = 0;
     // Removes hits received before first_kept_day ("YYYY-MM-DD") and keeps rollups consistent.
     virtual outcome_t erase_before(const std::string& first_kept_day, std::int64_t& erased) = 0;
+
+    // Hits committed but not yet where they finally live (a remote store's spool); 0 for a
+    // store that writes in place.
+    virtual std::int64_t backlog() const { return 0; }
+    // The store's own lines for /metrics (Prometheus text).
+    virtual std::string metrics_text() const { return std::string(); }
 };
 
-// Opens the store a URI names ("sqlite:PATH"); nullptr with error set when it cannot.
+// The local spool of a remote store (ClickHouse): committed hits wait there for the remote end.
+struct spool_options_t {
+    std::string path;  // empty: no spool, so no forwarding (enough for the owners' duties)
+    std::size_t max_hits = 10000000;  // past this, commits fail and hits are answered 503
+};
+
+// Opens the store a URI names ("sqlite:PATH", "clickhouse+http://HOST:PORT/DATABASE");
+// nullptr with error set when it cannot. spool matters to remote stores only.
 std::unique_ptr<store_t> open_store(const std::string& uri, durability_t durability,
-                                    std::string& error);
+                                    std::string& error, const spool_options_t& spool = spool_options_t());
 
 }  // namespace usemeter_collector
 

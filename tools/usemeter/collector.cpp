@@ -48,7 +48,7 @@ int run_export(int argc, char** argv)
     std::string store, since, until;
     po::options_description options("collector export options");
     options.add_options()
-        ("store", po::value(&store)->required(), "store URI, e.g. sqlite:usemeter-hits.db")
+        ("store", po::value(&store)->required(), "store URI: sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE")
         ("since", po::value(&since), "first day YYYY-MM-DD (UTC), inclusive")
         ("until", po::value(&until), "last day YYYY-MM-DD (UTC), inclusive");
     po::variables_map values;
@@ -68,7 +68,7 @@ int run_erase(int argc, char** argv)
     std::string store, cid;
     po::options_description options("collector erase options");
     options.add_options()
-        ("store", po::value(&store)->required(), "store URI, e.g. sqlite:usemeter-hits.db")
+        ("store", po::value(&store)->required(), "store URI: sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE")
         ("cid", po::value(&cid)->required(), "client id whose hits are erased");
     po::variables_map values;
     if (!parse_command_line(argc, argv, "usemeter collector erase --store URI --cid CID", options,
@@ -102,7 +102,12 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
     options.add_options()
         ("listen", po::value(&config.listen)->default_value(config.listen),
          "numeric ADDR:PORT to listen on (port 0: any free port)")
-        ("store", po::value(&config.store)->default_value(config.store), "store URI: sqlite:PATH")
+        ("store", po::value(&config.store)->default_value(config.store),
+         "store URI: sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE")
+        ("spool", po::value(&config.spool.path)->default_value(config.spool.path),
+         "with ClickHouse: the SQLite file where hits wait until ClickHouse has them")
+        ("spool-max-hits", po::value(&config.spool.max_hits)->default_value(config.spool.max_hits),
+         "with ClickHouse: hits the spool holds at most; past that hits are answered 503")
         ("durability", po::value(&durability)->default_value(durability),
          "normal: survives a crash of the collector; full: also a power loss (slower)")
         ("print", po::bool_switch(&config.print), "show each hit request decoded on standard output")
@@ -123,8 +128,8 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
     if (values.count("answer") && (config.answer < 100 || config.answer > 599))
         throw usage_error("--answer must be an HTTP status between 100 and 599, not " +
                           std::to_string(config.answer));
-    if (hold_ms < 0 || config.retention_days < 0 || config.max_connections < 1)
-        throw usage_error("--hold, --retention-days and --max-connections take positive numbers");
+    if (hold_ms < 0 || config.retention_days < 0 || config.max_connections < 1 || config.spool.max_hits < 1)
+        throw usage_error("--hold, --retention-days, --max-connections and --spool-max-hits take positive numbers");
     config.hold_ms = hold_ms;
     config.reset = values.count("reset") > 0;
     return config;

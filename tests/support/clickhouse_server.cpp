@@ -1,0 +1,128 @@
+#include "support/clickhouse_server.hpp"
+
+#include <chrono>
+#include <thread>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <httplib.h>
+
+extern char** environ;
+
+namespace usemeter_test {
+
+namespace {
+
+const char* const server_program = "/usr/sbin/clickhouse-server";
+
+int free_loopback_port()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                       getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0;
+    close(fd);
+    return bound ? ntohs(address.sin_port) : 0;
+}
+
+std::string config_xml(const std::string& dir, int port)
+{
+    return "<yandex><logger><level>warning</level><log>" + dir + "/log/server.log</log><errorlog>" + dir +
+           "/log/err.log</errorlog><console>0</console></logger><http_port>" + std::to_string(port) +
+           "</http_port><listen_host>127.0.0.1</listen_host>"
+           // On SIGTERM the server waits for idle kept-alive connections; 1 s keeps a stop short.
+           "<keep_alive_timeout>1</keep_alive_timeout><path>" + dir + "/data/</path><tmp_path>" + dir +
+           "/tmp/</tmp_path><user_files_path>" + dir + "/user_files/</user_files_path><format_schema_path>" +
+           dir + "/format_schemas/</format_schema_path><users_config>" + dir +
+           "/users.xml</users_config><default_profile>default</default_profile>"
+           "<default_database>default</default_database><mark_cache_size>5368709</mark_cache_size>"
+           "<uncompressed_cache_size>8589934</uncompressed_cache_size></yandex>";
+}
+
+const char* const users_xml =
+    "<yandex><profiles><default/></profiles><users><default><password></password><networks>"
+    "<ip>127.0.0.1</ip><ip>::1</ip></networks><profile>default</profile><quota>default</quota>"
+    "</default></users><quotas><default/></quotas></yandex>";
+
+}  // namespace
+
+clickhouse_server_t::clickhouse_server_t() : port_(free_loopback_port())
+{
+    write_file(dir_ / "config.xml", config_xml(dir_.path(), port_));
+    write_file(dir_ / "users.xml", users_xml);
+}
+
+clickhouse_server_t::~clickhouse_server_t()
+{
+    kill();
+}
+
+bool clickhouse_server_t::start()
+{
+    if (access(server_program, X_OK) != 0) {
+        error_ = std::string(server_program) + " is not installed (scripts/install-deps installs it)";
+        return false;
+    }
+    const std::string config = "--config-file=" + dir_ / "config.xml";
+    char* const argv[] = {const_cast<char*>(server_program), const_cast<char*>(config.c_str()), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    const int rc = posix_spawn(&pid_, server_program, &actions, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) {
+        pid_ = -1;
+        error_ = "cannot start clickhouse-server";
+        return false;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    httplib::Client client("127.0.0.1", port_);
+    while (std::chrono::steady_clock::now() < deadline) {
+        auto answer = client.Get("/ping");
+        if (answer && answer->body == "Ok.\n")
+            return true;
+        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+            pid_ = -1;
+            error_ = "clickhouse-server ended at once: " + read_file(dir_ / "log/err.log");
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    error_ = "clickhouse-server did not answer /ping within 20 s";
+    kill();
+    return false;
+}
+
+void clickhouse_server_t::kill(int signal)
+{
+    if (pid_ <= 0)
+        return;
+    ::kill(pid_, signal);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+std::string clickhouse_server_t::uri(const std::string& database) const
+{
+    return "clickhouse+http://127.0.0.1:" + std::to_string(port_) + "/" + database;
+}
+
+std::string clickhouse_server_t::query(const std::string& statement) const
+{
+    httplib::Client client("127.0.0.1", port_);
+    auto answer = client.Post("/", statement, "text/plain");
+    if (!answer)
+        return "ERROR no answer";
+    return answer->status == 200 ? answer->body : "ERROR " + answer->body;
+}
+
+}  // namespace usemeter_test
