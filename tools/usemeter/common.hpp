@@ -151,6 +151,8 @@ int run_consent(int argc, char** argv);
 int run_status(int argc, char** argv);
 int run_explain(int argc, char** argv);
 int run_collector(int argc, char** argv);
+int run_generate(int argc, char** argv);
+int run_stats(int argc, char** argv);
 
 // Parses a command's arguments (argv[0] is the command name); the positional ones land in
 // "args". Returns false when --help was given and printed.
