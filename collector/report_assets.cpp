@@ -86,9 +86,20 @@ const char* const report_script = R"js(
   function text(id, value) { document.getElementById(id).textContent = value; }
   function percent(share) { return (100 * share).toFixed(1) + '%'; }
 
+  var palette = ['#1f77b4', '#ff7f0e', '#2ca02c', '#d62728', '#9467bd', '#8c564b', '#e377c2',
+                 '#7f7f7f', '#bcbd22', '#17becf'];
+  function paint(config) {
+    var round = config.type === 'doughnut';
+    config.data.datasets.forEach(function (d, i) {
+      d.backgroundColor = round ? palette.slice(0, d.data.length) : palette[i % palette.length];
+      d.borderColor = round ? '#fff' : palette[i % palette.length];
+    });
+  }
+
   // Drawn synchronously (no animation) and marked, so a reader of the DOM knows it happened.
   function chart(id, config) {
     var canvas = document.getElementById(id);
+    paint(config);
     config.options = Object.assign({ animation: false, responsive: true }, config.options || {});
     var drawn = new Chart(canvas, config);
     var points = drawn.data.datasets.reduce(function (n, d) { return n + d.data.length; }, 0);

@@ -261,7 +261,7 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
     for (const std::string& url : {collector_->url("/report?") + range, "file://" + file}) {
         SCOPED_TRACE(url);
         const usemeter_test::browser_run_t page = usemeter_test::headless_chromium(home_.path(), url, "--dump-dom");
-        EXPECT_EQ(page.console_errors, "");
+        EXPECT_EQ(page.console, "");
         const std::string& dom = page.out;
         EXPECT_NE(dom.find("data-state=\"ready\""), std::string::npos) << dom.substr(0, 2000);
         EXPECT_EQ(dom.find("data-problems"), std::string::npos);
@@ -283,7 +283,7 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
     }
     const std::string shot = std::string(USEMETER_TEST_BINARY_DIR) + "/report-page.png";
     usemeter_test::headless_chromium(home_.path(), collector_->url("/report?") + range,
-                                     "--screenshot=" + shot + " --window-size=1200,2600");
+                                     "--screenshot=" + shot + " --window-size=1200,3000");
     EXPECT_TRUE(usemeter_test::file_exists(shot));
 }
 

@@ -9,7 +9,7 @@ namespace usemeter_test {
 struct browser_run_t {
     int status = -1;             // exit status; -1 when it had to be stopped
     std::string out;             // standard output (the DOM for --dump-dom)
-    std::string console_errors;  // the page's console errors and uncaught exceptions
+    std::string console;         // the page's console messages and uncaught exceptions
 };
 
 // Runs chromium on url with action ("--dump-dom", "--screenshot=PATH ..."), its profile
