@@ -63,7 +63,8 @@ public:
         user.joins = uniform(0, 1) < 0.3 ? 0 : integer(0, options_.days - 1);
         user.leaves = uniform(0, 1) < 0.2 ? integer(user.joins + 1, options_.days) : options_.days;
         user.chance = uniform(0.15, 0.95);
-        user.hits_per_day = uniform(1, 15);
+        // A few heavy users send most hits, as with any desktop tool.
+        user.hits_per_day = std::lognormal_distribution<>(2.5, 0.8)(rng_);
         const bool laggard = uniform(0, 1) < 0.1;
         for (const release_t& release : releases) {
             const auto out = static_cast<std::int64_t>(release.at * static_cast<double>(options_.days));
@@ -71,7 +72,7 @@ public:
             user.upgrades.push_back(release.at == 0 ? 0 : (laggard ? options_.days : out + delay));
         }
         for (std::size_t i = 0; i < std::size(catalogue); ++i)
-            user.taste.push_back(std::pow(uniform(0, 1), 2));
+            user.taste.push_back(std::pow(uniform(0, 1), 4));
         return user;
     }
 

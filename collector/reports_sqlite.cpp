@@ -10,13 +10,13 @@ namespace usemeter_collector {
 
 namespace {
 
-// The product and version filters, as the rollup tables name them. Written into the SQL only
-// when set, so that SQLite can use the (an, day, ...) keys; values are always bound.
+// The product and version filters, as the rollup tables name them; values are always bound.
+// The rollups' keys begin (an, day): naming every product when none is asked for lets SQLite
+// seek to the range of days in each, instead of reading every day of every product.
 std::string filters(const report_query_t& query)
 {
     std::string sql = " day BETWEEN :first AND :last";
-    if (!query.product.empty())
-        sql += " AND an = :an";
+    sql += query.product.empty() ? " AND an IN (SELECT DISTINCT an FROM first_seen)" : " AND an = :an";
     if (!query.version.empty())
         sql += " AND av = :av";
     return sql;
