@@ -5,6 +5,7 @@
 #include <cmath>
 #include <map>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace usemeter_collector {
 
@@ -54,27 +55,76 @@ double share(std::int64_t part, std::int64_t whole)
                                           static_cast<double>(whole)) / 10000.0;
 }
 
+// Each day's client ids once, with how many had cd3=y and how many were new that day.
+void settle_day(std::vector<std::pair<std::size_t, bool>>& seen,
+                const std::vector<std::int64_t>& first_of_id, std::int64_t offset, day_users_t& users)
+{
+    std::sort(seen.begin(), seen.end());
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+        const bool last_of_id = i + 1 == seen.size() || seen[i + 1].first != seen[i].first;
+        if (!last_of_id)
+            continue;  // sorted, so the last row of an id is active if any is
+        users.ids.push_back(seen[i].first);
+        users.active += seen[i].second ? 1 : 0;
+        users.fresh += first_of_id[seen[i].first] == offset ? 1 : 0;
+    }
+}
+
 // The user-days of since-29..until, each client id numbered once, with each day's new users.
+// A store may give a user's day more than once (per version and system) and in any order.
 outcome_t collect_user_days(report_source_t& source, const report_query_t& query,
                             std::int64_t first, std::vector<day_users_t>& days)
 {
     std::vector<std::pair<std::string, std::string>> firsts;
     if (outcome_t found = source.first_days(query, firsts); !found)
         return found;
-    std::unordered_map<std::string, std::string> first_day(firsts.begin(), firsts.end());
     std::unordered_map<std::string, std::size_t> ids;
-    days.assign(static_cast<std::size_t>(day_number(query.until) - first + 1), {});
-    return source.user_days(query, day_text(first), query.until,
-                            [&](const std::string& day, const std::string& cid, bool active) {
+    std::vector<std::int64_t> first_of_id;  // by id; -1: before the range
+    auto id_of = [&](const std::string& cid) {
+        const auto added = ids.emplace(cid, ids.size());
+        if (added.second)
+            first_of_id.push_back(-1);
+        return added.first->second;
+    };
+    for (const auto& [cid, day] : firsts)
+        first_of_id[id_of(cid)] = day_number(day) - first;
+    const auto length = static_cast<std::size_t>(day_number(query.until) - first + 1);
+    std::vector<std::vector<std::pair<std::size_t, bool>>> seen(length);
+    outcome_t read = source.user_days(query, day_text(first), query.until,
+                                      [&](const std::string& day, const std::string& cid, bool active) {
         const std::int64_t offset = day_number(day) - first;
-        if (offset < 0 || offset >= static_cast<std::int64_t>(days.size()))
-            return;
-        day_users_t& users = days[static_cast<std::size_t>(offset)];
-        users.ids.push_back(ids.emplace(cid, ids.size()).first->second);
-        users.active += active ? 1 : 0;
-        const auto seen = first_day.find(cid);
-        users.fresh += seen != first_day.end() && seen->second == day ? 1 : 0;
+        if (offset >= 0 && offset < static_cast<std::int64_t>(length))
+            seen[static_cast<std::size_t>(offset)].emplace_back(id_of(cid), active);
     });
+    if (!read)
+        return read;
+    days.assign(length, {});
+    for (std::size_t offset = 0; offset < length; ++offset)
+        settle_day(seen[offset], first_of_id, static_cast<std::int64_t>(offset), days[offset]);
+    return {};
+}
+
+// Hits and distinct client ids per category (label none) and per category and label.
+outcome_t count_features(report_source_t& source, const report_query_t& query,
+                         std::vector<feature_row_t>& rows)
+{
+    struct tally_t {
+        std::int64_t hits = 0;
+        std::unordered_set<std::size_t> users;
+    };
+    std::map<std::pair<std::string, std::optional<std::string>>, tally_t> tallies;
+    std::unordered_map<std::string, std::size_t> ids;
+    outcome_t read = source.feature_uses(query, [&](const std::string& category, const std::string& label,
+                                                    const std::string& cid, std::int64_t hits) {
+        const std::size_t id = ids.emplace(cid, ids.size()).first->second;
+        for (tally_t* tally : {&tallies[{category, std::nullopt}], &tallies[{category, label}]}) {
+            tally->hits += hits;
+            tally->users.insert(id);
+        }
+    });
+    for (const auto& [key, tally] : tallies)
+        rows.push_back({key.first, key.second, tally.hits, static_cast<std::int64_t>(tally.users.size())});
+    return read;
 }
 
 // Digit runs compare as numbers, everything else as text.
@@ -190,8 +240,8 @@ outcome_t features_report(report_source_t& source, const report_query_t& query,
                           std::vector<feature_row_t>& rows)
 {
     std::vector<feature_row_t> found;
-    if (outcome_t answered = source.features(query, found); !answered)
-        return answered;
+    if (outcome_t counted = count_features(source, query, found); !counted)
+        return counted;
     std::map<std::string, std::int64_t> category_hits;
     for (const feature_row_t& row : found)
         if (!row.label)

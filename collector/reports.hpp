@@ -55,16 +55,19 @@ public:
 
     virtual ~report_source_t() = default;
 
-    // Each client id once per day it reported on, first..last (inclusive), in day order;
-    // active: one of that day's hits carried cd3=y.
+    // The client ids of each day first..last (inclusive) that they reported on, in any
+    // order and possibly more than once a day; active: one of those hits carried cd3=y.
     virtual outcome_t user_days(const report_query_t& query, const std::string& first,
                                 const std::string& last, const user_day_sink_t& sink) = 0;
     // Client ids of the query's product (any version) whose first hit in the whole store
     // falls on since..until, each with that day.
     virtual outcome_t first_days(const report_query_t& query,
                                  std::vector<std::pair<std::string, std::string>>& firsts) = 0;
-    // Hits and distinct client ids per category (label none) and per category and label.
-    virtual outcome_t features(const report_query_t& query, std::vector<feature_row_t>& rows) = 0;
+    using feature_sink_t = std::function<void(const std::string& category, const std::string& label,
+                                              const std::string& cid, std::int64_t hits)>;
+    // Hits of since..until per category, label and client id, in any order and possibly
+    // split into several rows (per day and version).
+    virtual outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) = 0;
     virtual outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) = 0;
     virtual outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) = 0;
 };

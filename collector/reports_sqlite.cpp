@@ -23,14 +23,11 @@ std::string filters(const report_query_t& query)
 }
 
 const std::string user_days_sql =
-    "SELECT day, cid, max(active) FROM user_days WHERE%F GROUP BY day, cid ORDER BY day";
+    "SELECT day, cid, active FROM user_days WHERE%F";
 const std::string first_days_sql =
     "SELECT cid, min(day) AS first FROM first_seen %P GROUP BY cid"
     " HAVING first BETWEEN :first AND :last";
-const std::string features_sql =
-    "SELECT ec, NULL, sum(hits), count(DISTINCT cid) FROM feature_days WHERE%F GROUP BY ec"
-    " UNION ALL "
-    "SELECT ec, el, sum(hits), count(DISTINCT cid) FROM feature_days WHERE%F GROUP BY ec, el";
+const std::string features_sql = "SELECT ec, el, cid, hits FROM feature_days WHERE%F";
 const std::string versions_sql =
     "SELECT day, av, count(DISTINCT cid) FROM user_days WHERE%F GROUP BY day, av";
 const std::string systems_sql =
@@ -87,7 +84,6 @@ public:
                                    static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
                      : std::string();
     }
-    bool is_null(int column) const { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
     std::int64_t number(int column) const { return sqlite3_column_int64(stmt_, column); }
 
 private:
@@ -123,17 +119,13 @@ public:
         return select.each([&] { firsts.emplace_back(select.text(0), select.text(1)); });
     }
 
-    outcome_t features(const report_query_t& query, std::vector<feature_row_t>& rows) override
+    outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) override
     {
         std::lock_guard<std::mutex> lock(mutex_);
         query_t select(db_, with_filters(features_sql, query));
         select.bind(query, query.since, query.until);
-        return select.each([&] {
-            feature_row_t row{select.text(0), std::nullopt, select.number(2), select.number(3)};
-            if (!select.is_null(1))
-                row.label = select.text(1);
-            rows.push_back(std::move(row));
-        });
+        return select.each(
+            [&] { sink(select.text(0), select.text(1), select.text(2), select.number(3)); });
     }
 
     outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
