@@ -11,6 +11,7 @@
 #include <log4cplus/logger.h>
 
 #include "collector/collector.hpp"
+#include "collector/report_page.hpp"
 #include "common.hpp"
 
 namespace usemeter_tool {
@@ -93,11 +94,23 @@ void log_to_stderr()
     logger.setLogLevel(log4cplus::INFO_LOG_LEVEL);
 }
 
+// The report page and its JSON, read from the store the collector writes.
+void mount_reports(uc::collector_options_t& config, const std::string& token_file)
+{
+    std::string token;
+    if (!token_file.empty())
+        if (const uc::outcome_t read = uc::read_report_token(token_file, token); !read)
+            throw command_error(read.error);
+    auto routes = std::make_shared<uc::report_routes_t>(config.store, token);
+    config.mount = [routes](httplib::Server& server) { routes->mount(server); };
+}
+
 uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
 {
     uc::collector_options_t config;
     std::string durability = "normal";
     int hold_ms = 0;
+    std::string report_token_file;
     po::options_description options("collector options");
     options.add_options()
         ("listen", po::value(&config.listen)->default_value(config.listen),
@@ -116,6 +129,8 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
         ("reset", "close every hit request's connection without an answer")
         ("retention-days", po::value(&config.retention_days),
          "delete hits received more than N UTC days ago, at start and hourly")
+        ("report-token-file", po::value(&report_token_file),
+         "first line: the token the reports need from any address but loopback")
         ("max-connections", po::value(&config.max_connections)->default_value(config.max_connections),
          "connections served at once; more wait to be accepted");
     po::variables_map values;
@@ -132,6 +147,7 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
         throw usage_error("--hold, --retention-days, --max-connections and --spool-max-hits take positive numbers");
     config.hold_ms = hold_ms;
     config.reset = values.count("reset") > 0;
+    mount_reports(config, report_token_file);
     return config;
 }
 
@@ -143,6 +159,8 @@ int run_collector(int argc, char** argv)
         return run_export(argc - 1, argv + 1);
     if (argc > 1 && std::string(argv[1]) == "erase")
         return run_erase(argc - 1, argv + 1);
+    if (argc > 1 && std::string(argv[1]) == "generate")
+        return run_generate(argc - 1, argv + 1);
     bool help = false;
     uc::collector_options_t options = parse_service_options(argc, argv, help);
     if (help)

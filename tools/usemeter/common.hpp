@@ -86,6 +86,8 @@ int run_consent(int argc, char** argv);
 int run_status(int argc, char** argv);
 int run_explain(int argc, char** argv);
 int run_collector(int argc, char** argv);
+int run_generate(int argc, char** argv);
+int run_stats(int argc, char** argv);
 
 }  // namespace usemeter_tool
 

@@ -1,0 +1,174 @@
+#include "report_format.hpp"
+
+#include <algorithm>
+#include <sstream>
+
+namespace usemeter_collector {
+
+namespace {
+
+using json = nlohmann::json;
+
+struct layout_t {
+    report_kind_t kind;
+    const char* name;  // the command's and the endpoint's word, and the JSON key but for active
+    const char* key;
+    std::vector<const char*> columns;
+};
+
+const layout_t layouts[] = {
+    {report_kind_t::active, "active", "days", {"day", "dau", "wau", "mau", "new", "active_share"}},
+    {report_kind_t::features, "features", "features", {"category", "label", "hits", "users"}},
+    {report_kind_t::versions, "versions", "versions", {"day", "version", "users"}},
+    {report_kind_t::systems, "systems", "systems", {"system", "users"}},
+};
+
+const layout_t& layout_of(report_kind_t kind)
+{
+    return *std::find_if(std::begin(layouts), std::end(layouts),
+                         [kind](const layout_t& layout) { return layout.kind == kind; });
+}
+
+json rows_json(const report_t& report)
+{
+    json rows = json::array();
+    for (const active_day_t& d : report.days)
+        rows.push_back({{"day", d.day}, {"dau", d.dau}, {"wau", d.wau}, {"mau", d.mau},
+                        {"new", d.fresh}, {"active_share", d.active_share}});
+    for (const feature_row_t& f : report.features)
+        rows.push_back({{"category", f.category},
+                        {"label", f.label ? json(*f.label) : json(nullptr)},
+                        {"hits", f.hits}, {"users", f.users}});
+    for (const version_row_t& v : report.versions)
+        rows.push_back({{"day", v.day}, {"version", v.version}, {"users", v.users}});
+    for (const system_row_t& s : report.systems)
+        rows.push_back({{"system", s.system}, {"users", s.users}});
+    return rows;
+}
+
+// RFC 4180; a null is an empty field, an empty text a quoted one, so the two stay apart.
+std::string csv_cell(const json& value)
+{
+    if (value.is_null())
+        return "";
+    if (!value.is_string())
+        return value.dump();
+    const std::string text = value.get<std::string>();
+    if (!text.empty() && text.find_first_of(",\"\r\n") == std::string::npos)
+        return text;
+    std::string quoted = "\"";
+    for (char c : text)
+        quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
+}
+
+std::string table_cell(const json& value)
+{
+    if (value.is_null())
+        return "(all)";
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+std::string csv(const layout_t& layout, const json& rows)
+{
+    std::ostringstream out;
+    for (std::size_t c = 0; c < layout.columns.size(); ++c)
+        out << (c ? "," : "") << layout.columns[c];
+    out << "\n";
+    for (const json& row : rows) {
+        for (std::size_t c = 0; c < layout.columns.size(); ++c)
+            out << (c ? "," : "") << csv_cell(row[layout.columns[c]]);
+        out << "\n";
+    }
+    return out.str();
+}
+
+// Text columns left-aligned, numbers right-aligned, two spaces between columns.
+std::string table(const layout_t& layout, const json& rows)
+{
+    std::vector<std::size_t> widths;
+    for (const char* column : layout.columns)
+        widths.push_back(std::string(column).size());
+    for (const json& row : rows)
+        for (std::size_t c = 0; c < widths.size(); ++c)
+            widths[c] = std::max(widths[c], table_cell(row[layout.columns[c]]).size());
+    auto line = [&](auto cell_of, auto numeric) {
+        std::string text;
+        for (std::size_t c = 0; c < widths.size(); ++c) {
+            const std::string cell = cell_of(c);
+            const std::string pad(widths[c] - cell.size(), ' ');
+            text += (c ? "  " : "") + (numeric(c) ? pad + cell : cell + pad);
+        }
+        text.erase(text.find_last_not_of(' ') + 1);
+        return text + "\n";
+    };
+    const json* first = rows.empty() ? nullptr : &rows.front();
+    auto numeric = [&](std::size_t c) { return first && (*first)[layout.columns[c]].is_number(); };
+    std::string out = line([&](std::size_t c) { return std::string(layout.columns[c]); }, numeric);
+    for (const json& row : rows)
+        out += line([&](std::size_t c) { return table_cell(row[layout.columns[c]]); }, numeric);
+    return out;
+}
+
+}  // namespace
+
+bool report_kind_named(const std::string& name, report_kind_t& kind)
+{
+    for (const layout_t& layout : layouts)
+        if (name == layout.name) {
+            kind = layout.kind;
+            return true;
+        }
+    return false;
+}
+
+bool report_format_named(const std::string& name, report_format_t& format)
+{
+    const std::pair<const char*, report_format_t> formats[] = {
+        {"table", report_format_t::table}, {"csv", report_format_t::csv}, {"json", report_format_t::json}};
+    for (const auto& known : formats)
+        if (name == known.first) {
+            format = known.second;
+            return true;
+        }
+    return false;
+}
+
+outcome_t make_report(report_source_t& source, report_kind_t kind, const report_query_t& query,
+                      report_t& report)
+{
+    report = report_t{};
+    report.kind = kind;
+    switch (kind) {
+    case report_kind_t::active:
+        return active_report(source, query, report.days);
+    case report_kind_t::features:
+        return features_report(source, query, report.features);
+    case report_kind_t::versions:
+        return versions_report(source, query, report.versions);
+    case report_kind_t::systems:
+        return systems_report(source, query, report.systems);
+    }
+    return outcome_t::failure("unknown report");
+}
+
+nlohmann::json report_json(const report_t& report)
+{
+    return {{layout_of(report.kind).key, rows_json(report)}};
+}
+
+std::string format_report(const report_t& report, report_format_t format)
+{
+    const layout_t& layout = layout_of(report.kind);
+    switch (format) {
+    case report_format_t::csv:
+        return csv(layout, rows_json(report));
+    case report_format_t::table:
+        return table(layout, rows_json(report));
+    case report_format_t::json:
+        break;
+    }
+    return report_json(report).dump() + "\n";
+}
+
+}  // namespace usemeter_collector
