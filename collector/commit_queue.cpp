@@ -1,6 +1,7 @@
 #include "commit_queue.hpp"
 
 #include <chrono>
+#include <iterator>
 #include <utility>
 
 namespace usemeter_collector {
@@ -20,16 +21,34 @@ outcome_t commit_queue_t::commit(std::vector<hit_t> hits)
 {
     if (hits.empty())
         return {};
-    ticket_t ticket;
-    ticket.hits = std::move(hits);
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (stopping_)
-        return outcome_t::failure("the collector is stopping");
-    pending_.push_back(&ticket);
-    depth_ += ticket.hits.size();
-    queued_.notify_one();
-    ticket.finished.wait(lock, [&] { return ticket.done; });
-    return ticket.outcome;
+    std::shared_ptr<group_t> group;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_)
+            return outcome_t::failure("the collector is stopping");
+        group = join_group(hits);
+        // A writer that is busy comes back for the queue by itself.
+        if (writer_idle_) {
+            writer_idle_ = false;
+            queued_.notify_one();
+        }
+    }
+    std::unique_lock<std::mutex> lock(group->mutex);
+    group->finished.wait(lock, [&] { return group->done; });
+    return group->outcome;
+}
+
+// Under mutex_. Whole requests in arrival order; a full open group makes way for a new one.
+std::shared_ptr<commit_queue_t::group_t> commit_queue_t::join_group(std::vector<hit_t>& hits)
+{
+    const bool open_fits = !groups_.empty() &&
+                           groups_.back()->hits.size() + hits.size() <= max_group_;
+    if (!open_fits)
+        groups_.push_back(std::make_shared<group_t>());
+    std::vector<hit_t>& queued = groups_.back()->hits;
+    queued.insert(queued.end(), std::make_move_iterator(hits.begin()), std::make_move_iterator(hits.end()));
+    depth_ += hits.size();
+    return groups_.back();
 }
 
 void commit_queue_t::stop()
@@ -43,49 +62,37 @@ void commit_queue_t::stop()
         writer_.join();
 }
 
-// Whole requests, oldest first, until the group is full; at least one request.
-std::vector<commit_queue_t::ticket_t*> commit_queue_t::take_group()
+void commit_queue_t::finish(group_t& group, const outcome_t& outcome)
 {
-    std::vector<ticket_t*> group;
-    std::size_t hits = 0;
-    while (!pending_.empty() && (group.empty() || hits + pending_.front()->hits.size() <= max_group_)) {
-        hits += pending_.front()->hits.size();
-        group.push_back(pending_.front());
-        pending_.pop_front();
+    {
+        std::lock_guard<std::mutex> lock(group.mutex);
+        group.outcome = outcome;
+        group.done = true;
     }
-    return group;
+    group.finished.notify_all();
 }
 
 void commit_queue_t::write_loop()
 {
-    std::vector<hit_t> batch;
     for (;;) {
-        std::vector<ticket_t*> group;
+        std::shared_ptr<group_t> group;
         {
             std::unique_lock<std::mutex> lock(mutex_);
-            queued_.wait(lock, [&] { return stopping_ || !pending_.empty(); });
-            if (pending_.empty())
+            writer_idle_ = groups_.empty() && !stopping_;
+            queued_.wait(lock, [&] { return stopping_ || !groups_.empty(); });
+            writer_idle_ = false;
+            if (groups_.empty())
                 return;
-            group = take_group();
+            group = std::move(groups_.front());
+            groups_.pop_front();
         }
-        batch.clear();
-        for (ticket_t* ticket : group)
-            batch.insert(batch.end(), ticket->hits.begin(), ticket->hits.end());
-
         const auto started = std::chrono::steady_clock::now();
-        const outcome_t outcome = store_.append(batch);
+        const outcome_t outcome = store_.append(group->hits);
         const std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
-        depth_ -= batch.size();
+        depth_ -= group->hits.size();
         if (observer_)
-            observer_(outcome, batch.size(), took.count());
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            for (ticket_t* ticket : group) {
-                ticket->outcome = outcome;
-                ticket->done = true;
-                ticket->finished.notify_one();
-            }
-        }
+            observer_(outcome, group->hits.size(), took.count());
+        finish(*group, outcome);
     }
 }
 

@@ -4,8 +4,13 @@
 // for handlers that are not yet running costs more than the smaller transactions (measured).
 // So a handler that got "committed" answers 200 for hits that are in the store.
 //
+// Handlers add their hits straight to the open group, and everyone in a group waits on that
+// group's own flag: the writer wakes a whole group with one call, and woken handlers never
+// need the queue's lock, so they do not block again on the way out (the stored rate under
+// load about doubled, measured).
+//
 // Threads: any number of callers of commit(); one writer thread owns all store writes.
-// mutex_ guards pending_ and stopping_; each waiting caller sleeps on its own ticket.
+// mutex_ guards groups_, writer_idle_ and stopping_; a group's own mutex guards its outcome.
 // stop() lets the writer drain the queue, so nothing accepted is dropped on SIGTERM.
 #ifndef USEMETER_COLLECTOR_COMMIT_QUEUE_HPP
 #define USEMETER_COLLECTOR_COMMIT_QUEUE_HPP
@@ -16,6 +21,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -45,22 +51,27 @@ public:
     void stop();
 
 private:
-    struct ticket_t {
+    // One transaction's worth of requests. Shared, so that the writer can wake its waiters
+    // after letting go of it and the last one out frees it.
+    struct group_t {
         std::vector<hit_t> hits;
+        std::mutex mutex;
+        std::condition_variable finished;
         bool done = false;
         outcome_t outcome;
-        std::condition_variable finished;  // only its own caller waits here
     };
 
     void write_loop();
-    std::vector<ticket_t*> take_group();
+    std::shared_ptr<group_t> join_group(std::vector<hit_t>& hits);
+    static void finish(group_t& group, const outcome_t& outcome);
 
     store_t& store_;
     const commit_observer_t observer_;
     const std::size_t max_group_;
     std::mutex mutex_;
     std::condition_variable queued_;
-    std::deque<ticket_t*> pending_;
+    std::deque<std::shared_ptr<group_t>> groups_;  // the back one is open to new requests
+    bool writer_idle_ = false;
     bool stopping_ = false;
     std::atomic<std::size_t> depth_{0};
     std::thread writer_;

@@ -61,9 +61,10 @@ public:
 
     bool prepared() const { return stmt_ != nullptr; }
     sqlite3_stmt* get() const { return stmt_; }
+    // The text must outlive the next run(): no copy is made.
     void bind(int index, const std::string& text)
     {
-        sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+        sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
     }
     void bind(int index, std::int64_t number) { sqlite3_bind_int64(stmt_, index, number); }
     // One step to completion, ready for the next use.
@@ -137,8 +138,11 @@ public:
             return failed("cannot prepare the insert statements");
         if (!exec("BEGIN IMMEDIATE"))
             return failed("cannot begin a transaction");
+        std::int64_t day_of = -1;
+        std::string day;
         for (const hit_t& hit : hits) {
-            const std::string day = utc_day(hit.received);
+            if (hit.received != day_of)
+                day = utc_day(day_of = hit.received);
             for (auto& insert : inserts_) {
                 bind_hit(*insert, hit, day);
                 if (!insert->run())
@@ -159,8 +163,9 @@ public:
                            " WHERE day >= ?1 AND day <= ?2 ORDER BY id");
         if (!select.prepared())
             return failed("cannot read hits");
+        const std::string last_day = until.empty() ? std::string("9999-99-99") : until;
         select.bind(1, since);
-        select.bind(2, until.empty() ? std::string("9999-99-99") : until);
+        select.bind(2, last_day);
         out << "received,tid,cid,an,av,cd1,cd2,cd3,ec,el\n";
         int rc;
         while ((rc = sqlite3_step(select.get())) == SQLITE_ROW) {
