@@ -61,10 +61,11 @@ TEST(tracelog, trace_scope_logs_enter_and_exit_also_on_early_return)
     };
     traced(true);
     traced(false);
-    const std::string at = "at file: tests/platform/tracelog_test.cpp:";
+    const std::string error = "failed 2, at file: tests/platform/tracelog_test.cpp:" +
+                              std::to_string(error_line);
     EXPECT_EQ(log.messages(true),
               (std::vector<std::string>{"ENTER: int f(bool)", "EXIT:  int f(bool)",
-                                        "ENTER: int f(bool)", "failed 2, " + at + std::to_string(error_line),
+                                        "ENTER: int f(bool)", error,
                                         "EXIT:  int f(bool)"}));
 }
 
