@@ -43,7 +43,8 @@ void write_history(const temp_dir_t& dir, const std::vector<date_t>& dates)
 std::vector<std::string> saved_days(const temp_dir_t& dir)
 {
     std::vector<std::string> days;
-    for (const date_t& d : active_user_detector_t(dir.path()).history())
+    const active_user_detector_t detector(dir.path());
+    for (const date_t& d : detector.history())
         days.push_back(text(d));
     return days;
 }

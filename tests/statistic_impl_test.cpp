@@ -215,8 +215,9 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
         }
         EXPECT_EQ(read_file(uuid_xml()), row.first);
         EXPECT_EQ(uuid, row.second == kept ? "short" : "");
-        if (row.second == blank)
+        if (row.second == blank) {
             EXPECT_EQ(log.messages(), lines_t{"Return 'false' - empty uuid. reporting disabled"});
+        }
     }
 }
 
