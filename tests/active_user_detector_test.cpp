@@ -3,8 +3,6 @@
 #include <ctime>
 #include <sys/stat.h>
 
-#include "active_user_detector_detail.hpp"
-#include "basekit/variant_bag.hpp"
 #include "support/temp_home.hpp"
 #include "usemeter/sys/active_user_detector.hpp"
 
@@ -35,24 +33,19 @@ void write_history(const temp_dir_t& dir, const std::vector<date_t>& dates)
 {
     std::string items;
     for (const date_t& d : dates)
-        items += "<item type=\"bag\"><Y type=\"int\">" + std::to_string(d.year) + "</Y><M type=\"int\">" +
-                 std::to_string(d.month) + "</M><D type=\"int\">" + std::to_string(d.day) + "</D></item>";
+        items += "<item type=\"bag\"><Y type=\"int\">" + std::to_string(d.year) +
+                 "</Y><M type=\"int\">" + std::to_string(d.month) + "</M><D type=\"int\">" +
+                 std::to_string(d.day) + "</D></item>";
     write_file(history_file(dir), "<bag>" + items + "</bag>");
 }
 
-// The saved days as "Y-M-D" texts; empty when the file does not load.
+// The saved days as "Y-M-D" texts, as a new detector loads them.
 std::vector<std::string> saved_days(const temp_dir_t& dir)
 {
-    basekit::variant_bag_t bag;
     std::vector<std::string> days;
-    basekit::load_variant_bag2(bag, history_file(dir), "bag", false);
-    for (auto it = bag.begin_by_name("item"); !it.at_end(); it.next()) {
-        date_t d{0, 0, 0};
-        usemeter_1_5_7::getVariantInt(it.get_value(), "Y", &d.year);
-        usemeter_1_5_7::getVariantInt(it.get_value(), "M", &d.month);
-        usemeter_1_5_7::getVariantInt(it.get_value(), "D", &d.day);
+    const active_user_detector_t detector(dir.path());
+    for (const date_t& d : detector.history())
         days.push_back(text(d));
-    }
     return days;
 }
 
@@ -63,20 +56,23 @@ ino_t inode(const std::string& path)
     return info.st_ino;
 }
 
-TEST(active_user_detector, records_each_day_once_and_writes_only_what_changed)
+// Today is added once, the history trimmed to the last four days; a file is written only when
+// something changed.
+TEST(active_user_detector, records_each_day_once_keeps_four_and_writes_only_changes)
 {
     temp_dir_t dir;
     { active_user_detector_t untouched(dir.path()); }
     EXPECT_FALSE(file_exists(history_file(dir)));
+    write_history(dir, {day(-5, 1), day(-5), day(-4), day(-3), day(-2), day(-1)});
     {
         active_user_detector_t detector(dir.path());
         detector.notify_activity();
         detector.notify_activity();
+        EXPECT_TRUE(detector.is_active_user());
     }
-    EXPECT_EQ(saved_days(dir), std::vector<std::string>{text(day(0))});
+    EXPECT_EQ(saved_days(dir), (std::vector<std::string>{text(day(-3)), text(day(-2)),
+                                                         text(day(-1)), text(day(0))}));
     EXPECT_FALSE(file_exists(dir / "last_active_dates.lock"));
-
-    // Today already last: nothing changed, nothing is written.
     const ino_t before = inode(history_file(dir));
     { active_user_detector_t detector(dir.path()); detector.notify_activity(); }
     EXPECT_EQ(inode(history_file(dir)), before);  // saving would have renamed a new file in
@@ -93,7 +89,8 @@ TEST(active_user_detector, verdict_needs_four_days_the_oldest_strictly_within_a_
         {"four recent days", {day(-4), day(-3), day(-2), day(-1)}, true},
         {"oldest exactly a year ago", {day(0, 1), day(-3), day(-2), day(-1)}, false},
         {"oldest a year ago plus a day", {day(1, 1), day(-3), day(-2), day(-1)}, true},
-        {"six items, the first decides", {day(-5, 1), day(-5), day(-4), day(-3), day(-2), day(-1)}, false},
+        {"six items, the first decides",
+         {day(-5, 1), day(-5), day(-4), day(-3), day(-2), day(-1)}, false},
     };
     for (const auto& c : cases) {
         temp_dir_t dir;
@@ -102,23 +99,12 @@ TEST(active_user_detector, verdict_needs_four_days_the_oldest_strictly_within_a_
     }
 }
 
-TEST(active_user_detector, a_new_day_trims_the_history_to_the_last_four)
-{
-    temp_dir_t dir;
-    write_history(dir, {day(-5, 1), day(-5), day(-4), day(-3), day(-2), day(-1)});
-    {
-        active_user_detector_t detector(dir.path());
-        detector.notify_activity();
-        EXPECT_TRUE(detector.is_active_user());
-    }
-    EXPECT_EQ(saved_days(dir), (std::vector<std::string>{text(day(-3)), text(day(-2)), text(day(-1)), text(day(0))}));
-}
-
 TEST(active_user_detector, bad_items_are_dropped_and_bad_files_start_afresh)
 {
     temp_dir_t dir;
     const std::string files[] = {
-        "<bag><item type=\"bag\"><Y type=\"int\">2026</Y><M type=\"string\">1</M><D type=\"int\">1</D></item>"
+        "<bag><item type=\"bag\"><Y type=\"int\">2026</Y><M type=\"string\">1</M>"
+        "<D type=\"int\">1</D></item>"
         "<item type=\"bag\"><Y type=\"int\">2026</Y><D type=\"int\">1</D></item></bag>",
         "<bag><item",
         std::string("\0\1\2", 3),

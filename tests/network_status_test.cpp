@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "network_status_detail.hpp"
-#include "support/host_double.hpp"
 #include "usemeter/sys/statistic_impl.hpp"
 
 using namespace usemeter_1_5_7;
@@ -49,26 +48,6 @@ TEST(network_status, classifies_lookup_outcomes)
     for (const auto& row : rows)
         EXPECT_EQ(classify(row.gai_error, row.entries), row.expected)
             << row.gai_error << " " << row.entries.size();
-}
-
-// The name asked for is numeric in every build with tests, so no test reaches a DNS server.
-TEST(network_status, resolves_a_numeric_corporate_name_for_the_domain_service_over_udp)
-{
-    usemeter_test::host_double_t host;
-    const std::pair<const char*, int> rows[] = {
-        {"10.1.2.3", nsExcludedNetwork}, {"127.0.0.1", nsOk}, {"::1", nsOk}};
-    for (const auto& row : rows) {
-        host.resolves_as = row.first;
-        EXPECT_EQ(get_network_status(), row.second) << row.first;
-    }
-    in6_addr numeric;
-    EXPECT_TRUE(::inet_pton(AF_INET, host.seen_node.c_str(), &numeric) == 1 ||
-                ::inet_pton(AF_INET6, host.seen_node.c_str(), &numeric) == 1)
-        << host.seen_node;
-    EXPECT_EQ(host.seen_service, "domain");
-    const addrinfo& h = host.seen_hints;
-    EXPECT_EQ((std::vector<int>{h.ai_flags, h.ai_family, h.ai_socktype, h.ai_protocol}),
-              (std::vector<int>{0, AF_UNSPEC, SOCK_DGRAM, 17}));
 }
 
 }  // namespace

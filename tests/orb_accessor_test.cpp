@@ -4,21 +4,22 @@
 #include <optional>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
 
+#include "prodenv/fixed_locations.hpp"
 #include "support/fake_tool.hpp"
-#include "support/locations_double.hpp"
-#include "support/log_capture.hpp"
 #include "support/temp_home.hpp"
+#include "tracelog/log_capture.hpp"
 #include "usemeter/orb_accessor.hpp"
 
 namespace {
 
 using namespace usemeter_test;
+using tracelog::log_capture_t;
 using usemeter_1_5_7::orb_accessor_impl_t;
-using usemeter_1_5_7::orb_accessor_t;
 using tool_t = orb_accessor_impl_t::orb_tool_t;
 using strings = std::vector<std::string>;
 
@@ -30,6 +31,7 @@ const char* const home_paths[] = {"norvel/orb/bin/ia32/norvelremotemon", "norvel
                                   "norvel/orb/bin/ia32/checkOPTINconsent"};
 const char* const logger_name = "usemeter.orb_accessor";
 const std::string default_guid = "{00000000-0000-0000-0000-000000000000}";
+const std::string missing = "<no tool>";
 
 std::ptrdiff_t count_files(const std::string& dir)
 {
@@ -46,21 +48,14 @@ std::string writing_uuid(const std::string& content)
     return on_argument("-u", "printf %s " + shell_quote(content) + " > \"$2\"");
 }
 
-void expect_error(const log_capture_t& log, const std::string& text)
+// The first message starting with text, or "" (ERROR records end in ", at file: ...").
+std::string message_starting(const log_capture_t& log, const std::string& text)
 {
-    for (const log_record_t& record : log.records())
-        if (record.level == 40000) {
-            EXPECT_EQ(record.message,
-                      text + ", at file: src/orb_accessor.cpp:" + std::to_string(record.line));
-            return;
-        }
-    ADD_FAILURE() << "no ERROR record for " << text;
+    for (const std::string& message : log.messages())
+        if (message.rfind(text, 0) == 0)
+            return message;
+    return "";
 }
-
-// A system-wide installation would be found before the override directory and hide "missing".
-#define SKIP_WITH_SYSTEM_INSTALL() \
-    if (file_exists("/opt/norvel"))  \
-    GTEST_SKIP() << "/opt/norvel exists"
 
 class bridge_test : public ::testing::Test {
 protected:
@@ -70,24 +65,25 @@ protected:
         EXPECT_FALSE(has_children()) << "a tool outlived its call";
         reap_children();
     }
-    fake_tool_t add_tool(tool_t tool, const std::string& body = "", mode_t mode = 0755) const
-    {
-        return fake_tool_t(home_ / home_paths[tool], body, mode);
-    }
+    // A system-wide installation would be found before a missing tool or the override.
+    bool system_install() const { return file_exists("/opt/norvel"); }
 
     clean_env_t env_;
     temp_home_t home_;
     temp_dir_t tmp_;
-    locations_double_t locations_;
+    prodenv::fixed_locations_t locations_;
     orb_accessor_impl_t bridge_;
 };
 
+// Each operation's exact arguments and how it reads the answer; with a switch variable set
+// (content never matters) the tools stay silent and disallowed calls read as success.
 TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
 {
-    const std::string sent = home_ / "sent.dat", missing = "no tool";
+    const std::string sent = home_ / "sent.dat";
     const std::string consume = on_argument("-m", "rm -f -- \"$2\"");
-    // Set but empty reads as unset.
-    scoped_env_t orb_on("USEMETER_DISABLE_ORB", ""), updates_on("NORVEL_DISABLE_UPDATES_CHECK", "");
+    const char* const no_orb = "USEMETER_DISABLE_ORB";
+    const char* const no_updates = "NORVEL_DISABLE_UPDATES_CHECK";
+    scoped_env_t orb_on(no_orb, ""), updates_on(no_updates, "");  // set but empty: unset
     const auto send = [=](bool f) { return [=] { return bridge_.send_file(sent, f); }; };
     const auto crash = [=](bool f) { return [=] { return bridge_.send_crash_report(sent, f); }; };
     const auto usage = [&] { return bridge_.send_usage_package(); };
@@ -96,42 +92,67 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
     const auto gui_start = [&] { bridge_.notify_gui_start(); return has_children(); };
     const auto updates = [&] { bridge_.check_for_updates(default_guid); return has_children(); };
     const auto uuid = [&] { return bridge_.get_uuid().empty(); };
-    struct row_t { tool_t tool; std::string sh; std::function<bool()> op; bool ok; strings args; };
+    struct row_t {
+        tool_t tool;
+        std::string sh;
+        std::function<bool()> op;
+        bool ok;
+        strings args;
+        const char* switched_off = nullptr;
+        std::string logged = "";
+    };
+    const std::string orb_off = "Return 'false' - USEMETER_DISABLE_ORB is set";
     const row_t rows[] = {
         // A file counts as sent when the tool consumed it, whatever the exit status.
         {monitor, consume, send(false), true, {"-t", "i", "-e", "statistic", "-m", sent}},
         {monitor, "", send(true), false, {"-t", "i", "-e", "statistic", "-f", "-m", sent}},
-        {monitor, missing, send(false), false, {}},
+        {monitor, missing, send(false), false, {}, nullptr, "Failed to find orb location"},
         {monitor, consume + "exit 3", crash(false), true, {"-t", "i", "-e", "crash", "-m", sent}},
         {monitor, "", crash(true), false, {"-t", "i", "-e", "crash", "-f", "-m", sent}},
         {monitor, "exit 5", usage, true, {"-t", "i", "-b"}},
         {monitor, missing, usage, false, {}},
-        {consent, "", feedback, true, {"-g"}},
-        {consent, "exit 1", feedback, false, {"-g"}},
+        {consent, "", feedback, true, {"-g"}, nullptr, "return: feedback enabled"},
+        {consent, "exit 1", feedback, false, {"-g"}, nullptr, "return: feedback disabled"},
         {consent, missing, feedback, false, {}},
         {consent, "", gui_start, true, {"-w", "-s", std::to_string(::getpid())}},
         {main_tool, "", updates, true, {"--product_guid", default_guid, "--action", "check"}},
         {monitor, "", uuid, true, {"-u", tmp_ / exchange_name(1)}},
+        {main_tool, "", updates, false, {}, no_updates, "Check for updates disabled."},
+        {monitor, consume, send(false), false, {}, no_orb, orb_off},
+        {monitor, missing, send(true), true, {}, no_orb},
+        {monitor, "exit 5", usage, true, {}, no_orb},
+        {consent, "exit 1", feedback, true, {}, no_orb},
+        {consent, "", gui_start, false, {}, no_orb},
+        {monitor, writing_uuid("ID"), uuid, true, {}, no_orb},
     };
     for (const row_t& row : rows) {
+        SCOPED_TRACE("row " + std::to_string(&row - rows));
         // A missing tool must fail the send even though no file is left to say otherwise.
         ::unlink(sent.c_str());
         std::optional<fake_tool_t> tool;
         if (row.sh != missing) {
             write_file(sent, "payload");
             tool.emplace(home_ / home_paths[row.tool], row.sh);
-        } else if (file_exists("/opt/norvel")) {
-            continue;  // a system-wide installation would be found
+        } else if (system_install()) {
+            continue;
         }
-        EXPECT_EQ(row.op(), row.ok) << "row " << &row - rows;
+        std::optional<scoped_env_t> off;
+        if (row.switched_off)
+            off.emplace(row.switched_off, "0");
+        log_capture_t log(logger_name);
+        EXPECT_EQ(row.op(), row.ok);
         reap_children();
-        EXPECT_EQ(tool ? tool->args() : strings{}, row.args) << "row " << &row - rows;
+        EXPECT_EQ(tool ? tool->args() : strings{}, row.args);
+        EXPECT_TRUE(row.logged.empty() || !message_starting(log, row.logged).empty()) << row.logged;
     }
+    EXPECT_EQ(count_files(tmp_.path()), 0) << "an exchange file was left";
 }
 
+// The exit status or -1; a run is logged with its unquoted command line.
 TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
 {
-    SKIP_WITH_SYSTEM_INSTALL();
+    if (system_install())
+        GTEST_SKIP() << "/opt/norvel exists";
     // A caught signal without SA_RESTART breaks the caller's wait with EINTR; the last row's
     // tool keeps sending one for half a second.
     struct sigaction action {}, old_action {};
@@ -144,49 +165,39 @@ TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
         {"for i in 1 2 3 4 5 6 7 8; do kill -USR1 $PPID; sleep .06; done; exit 6", 0755, true, 6},
     };
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.body ? row.body : "missing");
         std::optional<fake_tool_t> tool;
-        if (row.body)
-            tool.emplace(home_ / home_paths[monitor], row.body, row.mode);
-        EXPECT_EQ(bridge_.invoke_orb(monitor, {}, row.sync), row.expected)
-            << (row.body ? row.body : "missing") << ", mode " << row.mode << ", sync " << row.sync;
+        if (row.body) {
+            tool.emplace(home_ / home_paths[monitor], row.body);
+            ::chmod(tool->path().c_str(), row.mode);
+        }
+        log_capture_t log(logger_name);
+        EXPECT_EQ(bridge_.invoke_orb(monitor, {"a b", "c"}, row.sync), row.expected);
         EXPECT_EQ(reap_children().size(), row.sync || !row.body ? 0u : 1u);
+        if (row.body && row.mode == 0755) {
+            EXPECT_EQ(tool->args(), (strings{"a b", "c"}));
+            EXPECT_TRUE(log.contains("orb command line='" + tool->path() + " a b c'"));
+            const std::string code = "orb return code=" + std::to_string(row.expected);
+            EXPECT_TRUE(!row.sync || log.contains(code));
+        }
     }
     EXPECT_EQ(bridge_.invoke_orb(static_cast<tool_t>(3), {}, true), -1);
     ::sigaction(SIGUSR1, &old_action, nullptr);
 }
 
-TEST_F(bridge_test, a_run_is_logged_with_its_unquoted_command_line)
+TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_quiet_misses)
 {
-    const fake_tool_t tool = add_tool(monitor, "exit 7");
-    log_capture_t log(logger_name);
-    EXPECT_EQ(bridge_.invoke_orb(monitor, {"a b", "c"}, true), 7);
-    EXPECT_EQ(tool.args(), (strings{"a b", "c"}));
-    EXPECT_EQ(log.messages(),
-              (strings{"tool=0", "sync=1", "Return 'true'", "orb location=" + tool.path(),
-                       "orb command line='" + tool.path() + " a b c'", "orb return code=7"}));
-}
-
-TEST_F(bridge_test, a_missing_tool_is_reported_unless_the_lookup_is_quiet)
-{
-    SKIP_WITH_SYSTEM_INSTALL();
-    const struct { bool service, quiet; } rows[] = {{false, false}, {true, false}, {true, true}};
-    for (const auto& row : rows) {
-        prodenv::IProductLocations::set(row.service ? &locations_ : nullptr);
-        locations_.quiet_lookup = row.quiet;
+    if (system_install())
+        GTEST_SKIP() << "/opt/norvel exists";
+    // A miss is an error unless the locations service asks for a quiet lookup.
+    for (const int service : {0, 1, 2}) {  // none, a plain one, a quiet one
+        prodenv::IProductLocations::set(service ? &locations_ : nullptr);
+        locations_.quiet_lookup = service == 2;
         log_capture_t log(logger_name);
         EXPECT_EQ(bridge_.invoke_orb(main_tool, {}, false), -1);
-        strings expected = {"tool=1", "sync=0", "Return 'true'", "orb location="};
-        if (!row.quiet) {
-            expect_error(log, "Failed to find orb location");
-            expected.push_back(log.messages().back());
-        }
-        EXPECT_EQ(log.messages(), expected) << "service " << row.service << ", quiet " << row.quiet;
+        EXPECT_EQ(log.messages().back().rfind("Failed to find orb location, at file: ", 0) == 0,
+                  service != 2);
     }
-}
-
-TEST_F(bridge_test, home_wins_and_the_override_directory_is_searched_last_and_flat)
-{
-    SKIP_WITH_SYSTEM_INSTALL();
     temp_dir_t override_dir;
     scoped_env_t override_env("NORVEL_ORBTOOL_DIR", override_dir.path().c_str());
     const std::string in_home = home_ / home_paths[monitor];
@@ -209,43 +220,9 @@ TEST_F(bridge_test, home_wins_and_the_override_directory_is_searched_last_and_fl
     }
 }
 
-TEST_F(bridge_test, USEMETER_DISABLE_ORB_runs_nothing_and_reads_as_success)
-{
-    const fake_tool_t tool_0 = add_tool(monitor), tool_1 = add_tool(main_tool);
-    const fake_tool_t tool_2 = add_tool(consent);
-    scoped_env_t disable("USEMETER_DISABLE_ORB", "0");
-    const std::string present = home_ / "present.dat", absent = home_ / "absent.dat";
-    write_file(present, "x");
-    log_capture_t log(logger_name);
-    EXPECT_EQ(bridge_.invoke_orb(monitor, {}, true), 0);
-    EXPECT_EQ(log.messages(),
-              (strings{"tool=0", "sync=1", "Return 'false' - USEMETER_DISABLE_ORB is set"}));
-    // Sending is judged by whether the file is gone, even with the tools switched off.
-    EXPECT_EQ((std::vector<bool>{bridge_.send_usage_package(), bridge_.is_feedback_enabled(),
-                                 bridge_.send_file(present, false), bridge_.send_file(absent, true),
-                                 bridge_.send_crash_report(present, true),
-                                 bridge_.send_crash_report(absent, false)}),
-              (std::vector<bool>{true, true, false, true, false, true}));
-    EXPECT_EQ(bridge_.get_uuid(), "");
-    bridge_.notify_gui_start();
-    bridge_.check_for_updates("{guid}");
-    EXPECT_FALSE(tool_0.ran() || tool_1.ran() || tool_2.ran());
-    EXPECT_EQ(count_files(tmp_.path()), 0);
-}
-
-TEST_F(bridge_test, NORVEL_DISABLE_UPDATES_CHECK_switches_update_checks_off)
-{
-    const fake_tool_t tool = add_tool(main_tool);
-    scoped_env_t off("NORVEL_DISABLE_UPDATES_CHECK", "1");
-    log_capture_t log(logger_name);
-    bridge_.check_for_updates(orb_accessor_t::DefaultProductGUID);
-    EXPECT_EQ(log.messages(), (strings{"product_guid=" + default_guid,
-                                       "Return 'false' - NORVEL_DISABLE_UPDATES_CHECK is set",
-                                       "Check for updates disabled."}));
-    EXPECT_FALSE(tool.ran());
-}
-
-TEST_F(bridge_test, get_uuid_returns_the_first_line_and_leaves_no_file)
+// The first line as written, from an exchange file that is gone afterwards; busy locks are
+// passed over, 19 at most; without a temporary directory nothing is tried.
+TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
 {
     const std::pair<std::string, std::string> rows[] = {
         {"0F1E2D3C-4B5A\nsecond line\n", "0F1E2D3C-4B5A"},
@@ -254,49 +231,38 @@ TEST_F(bridge_test, get_uuid_returns_the_first_line_and_leaves_no_file)
         {" kept as written \r\nx", " kept as written \r"},
     };
     for (const auto& row : rows) {
-        const fake_tool_t tool = add_tool(monitor, writing_uuid(row.first));
+        const fake_tool_t tool(home_ / home_paths[monitor], writing_uuid(row.first));
         log_capture_t log(logger_name);
         EXPECT_EQ(bridge_.get_uuid(), row.second);
         EXPECT_EQ(log.messages().back(), "return: uuid = " + row.second);
         EXPECT_EQ(count_files(tmp_.path()), 0);
     }
-}
-
-TEST_F(bridge_test, get_uuid_moves_past_busy_locks_and_gives_up_after_19)
-{
-    const fake_tool_t tool = add_tool(monitor, writing_uuid("ID\n"));
+    const fake_tool_t tool(home_ / home_paths[monitor], writing_uuid("ID\n"));
     for (int n = 1; n <= 18; ++n)
         write_file(tmp_ / exchange_name(n, ".lock"), "");
     EXPECT_EQ(bridge_.get_uuid(), "ID");
     EXPECT_EQ(tool.args(), (strings{"-u", tmp_ / exchange_name(19)}));
-
     write_file(tmp_ / exchange_name(19, ".lock"), "");
-    log_capture_t log(logger_name);
     EXPECT_EQ(bridge_.get_uuid(), "");
-    EXPECT_EQ(log.messages(), strings{"return: empty string"});
     EXPECT_EQ(count_files(tmp_.path()), 19) << "only the locks are left";
-}
 
-TEST_F(bridge_test, get_uuid_needs_a_temporary_directory)
-{
     locations_.temp_dir = "";
-    const std::pair<bool, std::string> rows[] = {
-        {false, "prodenv::IProductLocations::get() is NULL"},
-        {true, "prodenv::IProductLocations::get()->getTempDir() returned empty path"},
-    };
-    for (const auto& row : rows) {
-        prodenv::IProductLocations::set(row.first ? &locations_ : nullptr);
+    for (const bool service : {false, true}) {
+        prodenv::IProductLocations::set(service ? &locations_ : nullptr);
         log_capture_t log(logger_name);
         EXPECT_EQ(bridge_.get_uuid(), "");
-        expect_error(log, row.second);
         EXPECT_EQ(log.messages().size(), 2u);
+        EXPECT_NE(message_starting(log, service ? "prodenv::IProductLocations::get()->getTempDir() "
+                                                  "returned empty path"
+                                                : "prodenv::IProductLocations::get() is NULL"),
+                  "");
         EXPECT_EQ(log.messages().back(), "return: empty string");
     }
 }
 
 TEST_F(bridge_test, get_uuid_never_writes_through_a_planted_link)
 {
-    const fake_tool_t tool = add_tool(monitor, writing_uuid("ID\n"));
+    const fake_tool_t tool(home_ / home_paths[monitor], writing_uuid("ID\n"));
     const std::string victim = home_ / "victim.txt", planted = tmp_ / exchange_name(1);
     using plant_t = int (*)(const char*, const char*);
     for (const plant_t plant : {plant_t(::symlink), plant_t(::link)}) {

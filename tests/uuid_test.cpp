@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 
 #include "host_facts_detail.hpp"
@@ -13,27 +12,20 @@ using namespace usemeter_1_5_7;
 using usemeter_test::temp_dir_t;
 using usemeter_test::write_file;
 
-TEST(uuid, bytes_are_formatted_in_order_upper_case_and_grouped)
+// The first 16 bytes of the source, raw, in order, upper case and grouped; a short or
+// unreadable source gives empty. (The form of a generated identifier is the policy test's.)
+TEST(uuid, the_source_is_formatted_raw_and_a_short_or_unreadable_one_gives_empty)
 {
-    unsigned char counting[16], all_ones[16];
+    unsigned char counting[16];
     for (int i = 0; i < 16; ++i)
-        counting[i] = static_cast<unsigned char>(i), all_ones[i] = 0xFF;
+        counting[i] = static_cast<unsigned char>(i);
     EXPECT_EQ(uuid_bytes_to_str(counting), "00010203-0405-0607-0809-0A0B0C0D0E0F");
-    EXPECT_EQ(uuid_bytes_to_str(all_ones), "FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF");
-
-    const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
-    const std::string first = generate_uuid4(), second = generate_uuid4();
-    EXPECT_TRUE(std::regex_match(first, form)) << first;
-    EXPECT_NE(first, second);
-}
-
-TEST(uuid, the_source_is_used_raw_and_a_short_or_unreadable_one_gives_empty)
-{
+    EXPECT_NE(generate_uuid4(), generate_uuid4());
     temp_dir_t dir;
     write_file(dir / "long", std::string(20, '\xAB'));
     write_file(dir / "short", std::string(15, '\x11'));
     const std::pair<std::string, const char*> rows[] = {
-        {dir / "long", "ABABABAB-ABAB-ABAB-ABAB-ABABABABABAB"},  // the first 16 bytes
+        {dir / "long", "ABABABAB-ABAB-ABAB-ABAB-ABABABABABAB"},
         {"/dev/zero", "00000000-0000-0000-0000-000000000000"},
         {dir / "short", ""},
         {dir / "missing", ""},

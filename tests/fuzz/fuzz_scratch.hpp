@@ -1,5 +1,5 @@
-// Shared by the fuzz targets: a failed property, the input as text, and scratch files in one private directory per process, on tmpfs
-// when the machine has one (a million executions must not wear a disk), removed at exit.
+// Shared by the fuzz targets: a failed property, the input as text, and a private scratch
+// directory per process, on tmpfs where there is one (a million runs must not wear a disk).
 #ifndef USEMETER_TESTS_FUZZ_FUZZ_SCRATCH_HPP
 #define USEMETER_TESTS_FUZZ_FUZZ_SCRATCH_HPP
 
@@ -12,8 +12,8 @@
 
 #include <boost/filesystem/operations.hpp>
 
-// A failed property: print what differs and abort, which both libFuzzer and the replay
-// program report as a crash of this input.
+// A failed property prints what differs and aborts: libFuzzer and the replay program both
+// report that as a crash of this input.
 #define FUZZ_CHECK(condition, what)                                                          \
     do {                                                                                     \
         if (!(condition)) {                                                                  \
@@ -30,23 +30,16 @@ inline std::string text(const std::uint8_t* data, std::size_t size)
     return std::string(reinterpret_cast<const char*>(data), size);
 }
 
-class scratch_t {
-public:
+// Removed at exit.
+struct scratch_t {
+    std::string dir;
     scratch_t()
     {
         const char* base = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::getenv("TMPDIR");
-        dir_ = std::string(base ? base : "/tmp") + "/usemeter-fuzz-XXXXXX";
-        FUZZ_CHECK(::mkdtemp(&dir_[0]), "cannot create the scratch directory");
+        dir = std::string(base ? base : "/tmp") + "/usemeter-fuzz-XXXXXX";
+        FUZZ_CHECK(::mkdtemp(&dir[0]), "cannot create the scratch directory");
     }
-    ~scratch_t() { boost::system::error_code ignored; boost::filesystem::remove_all(dir_, ignored); }
-    scratch_t(const scratch_t&) = delete;
-    scratch_t& operator=(const scratch_t&) = delete;
-
-    const std::string& dir() const { return dir_; }
-    std::string path(const std::string& name) const { return dir_ + "/" + name; }
-
-private:
-    std::string dir_;
+    ~scratch_t() { boost::system::error_code ignored; boost::filesystem::remove_all(dir, ignored); }
 };
 
 }  // namespace fuzz

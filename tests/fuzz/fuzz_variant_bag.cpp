@@ -11,10 +11,16 @@ using basekit::variant_t;
 
 namespace {
 
+// Every accessor the library's readers use, on both values.
 bool same_value(const variant_t& a, const variant_t& b)
 {
     const double x = a.get<double>(), y = b.get<double>();
-    return a.kind() == b.kind() && a.bytes() == b.bytes() && a.get<std::uint64_t>() == b.get<std::uint64_t>() &&
+    const bool text = a.can_get<const char*>();
+    return a.kind() == b.kind() && a.bytes() == b.bytes() && text == b.can_get<const char*>() &&
+           (!text || std::string(a.get<const char*>()) == b.get<const char*>()) &&
+           a.can_get<std::int32_t>() == b.can_get<std::int32_t>() &&
+           a.get<std::int32_t>() == b.get<std::int32_t>() &&
+           a.get<std::uint64_t>() == b.get<std::uint64_t>() &&
            a.get<std::int64_t>() == b.get<std::int64_t>() && a.get<bool>() == b.get<bool>() &&
            (x == y || (std::isnan(x) && std::isnan(y)));
 }
@@ -32,43 +38,22 @@ bool same_bag(const variant_bag_t& a, const variant_bag_t& b)
     return true;
 }
 
-// Every accessor on every value, as the library's readers use them.
-void read_everything(const variant_bag_t& bag)
-{
-    for (const variant_bag_t::entry_t& entry : bag.entries()) {
-        if (entry.bag) {
-            for (auto it = bag.begin_by_name(entry.name); !it.at_end(); it.next())
-                (void)it.get_value().entries().size();
-            read_everything(*entry.bag);
-            continue;
-        }
-        const variant_t value = bag.get_variant(entry.name, variant_t());
-        if (value.can_get<const char*>())
-            (void)std::string(value.get<const char*>());
-        if (value.can_get<std::int32_t>())
-            (void)(value.get<std::int32_t>() + value.get<std::int64_t>() + value.get<std::uint64_t>() +
-                   value.get<double>());
-        (void)value.get<bool>();
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static const fuzz::scratch_t scratch;
-    static const basekit::path_t path(scratch.path("bag.xml"));
+    static const basekit::path_t path(scratch.dir + "/bag.xml");
 
     variant_bag_t bag;
     if (basekit::parse_variant_bag(bag, fuzz::text(data, size), "bag") != 1) {
         FUZZ_CHECK(bag.entries().empty(), "a refused document left entries behind");
         return 0;
     }
-    read_everything(bag);
-
     FUZZ_CHECK(basekit::save_variant_bag2(bag, path, "bag") == 1, "saving a loaded bag failed");
     variant_bag_t reloaded;
-    FUZZ_CHECK(basekit::load_variant_bag2(reloaded, path, "bag", false) == 1, "a saved bag does not load");
+    FUZZ_CHECK(basekit::load_variant_bag2(reloaded, path, "bag", false) == 1,
+               "a saved bag does not load");
     FUZZ_CHECK(same_bag(bag, reloaded), "a bag changed across save and reload");
     return 0;
 }

@@ -2,23 +2,22 @@
 
 #include <cerrno>
 #include <sstream>
-#include <stdexcept>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <boost/filesystem.hpp>
 
 #include "support/temp_home.hpp"
 
 namespace usemeter_test {
 
-fake_tool_t::fake_tool_t(const std::string& path, const std::string& body, mode_t mode)
-    : path_(path)
+fake_tool_t::fake_tool_t(const std::string& path, const std::string& body) : path_(path)
 {
     make_dirs(path.substr(0, path.rfind('/')));
     write_file(path, "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done > " +
                          shell_quote(path + ".args") + "\n" + body + "\n");
-    if (::chmod(path.c_str(), mode) != 0)
-        throw std::runtime_error("cannot chmod " + path);
+    boost::filesystem::permissions(path, boost::filesystem::add_perms |
+                                             boost::filesystem::owner_exe);
 }
 
 fake_tool_t::~fake_tool_t()

@@ -1,21 +1,18 @@
-// Fake support tools: /bin/sh scripts that stand in for the real executables. Each run
-// records its arguments, one a line, in "<script>.args" and then runs the script's body.
+// Fake support tools: /bin/sh scripts standing in for the real executables. Each run writes
+// its arguments, one a line, to "<script>.args" and then runs the script's body.
 #ifndef USEMETER_TESTS_FAKE_TOOL_HPP
 #define USEMETER_TESTS_FAKE_TOOL_HPP
 
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
 namespace usemeter_test {
 
 // The script exists for the object's lifetime; its directories are created and left.
 class fake_tool_t {
 public:
-    explicit fake_tool_t(const std::string& path, const std::string& body = "", mode_t mode = 0755);
+    explicit fake_tool_t(const std::string& path, const std::string& body = "");
     ~fake_tool_t();
-
     fake_tool_t(const fake_tool_t&) = delete;
     fake_tool_t& operator=(const fake_tool_t&) = delete;
 

@@ -4,7 +4,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
 
@@ -34,8 +33,7 @@ clean_env_t::clean_env_t()
 
 temp_dir_t::temp_dir_t()
 {
-    const char* tmp = std::getenv("TMPDIR");
-    path_ = std::string(tmp && *tmp ? tmp : "/tmp") + "/usemeter-test-XXXXXX";
+    path_ = (boost::filesystem::temp_directory_path() / "usemeter-test-XXXXXX").string();
     if (!::mkdtemp(&path_[0]))
         throw std::runtime_error("cannot create a temporary directory");
 }
@@ -61,8 +59,7 @@ void write_file(const std::string& path, const std::string& content)
 
 bool file_exists(const std::string& path)
 {
-    struct stat info;
-    return ::lstat(path.c_str(), &info) == 0;
+    return boost::filesystem::exists(boost::filesystem::symlink_status(path));
 }
 
 void make_dirs(const std::string& path)

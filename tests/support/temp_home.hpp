@@ -5,15 +5,15 @@
 #include <list>
 #include <string>
 
+#include <boost/core/noncopyable.hpp>
+
 namespace usemeter_test {
 
 // Sets (or, with a null value, unsets) an environment variable and restores it on exit.
-class scoped_env_t {
+class scoped_env_t : boost::noncopyable {
 public:
     scoped_env_t(const std::string& name, const char* value);
     ~scoped_env_t();
-    scoped_env_t(const scoped_env_t&) = delete;
-    scoped_env_t& operator=(const scoped_env_t&) = delete;
 
 private:
     std::string name_;
@@ -32,13 +32,10 @@ private:
 };
 
 // A fresh temporary directory, removed with everything in it on destruction.
-class temp_dir_t {
+class temp_dir_t : boost::noncopyable {
 public:
     temp_dir_t();
     ~temp_dir_t();
-    temp_dir_t(const temp_dir_t&) = delete;
-    temp_dir_t& operator=(const temp_dir_t&) = delete;
-
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& relative) const { return path_ + "/" + relative; }
 
