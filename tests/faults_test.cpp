@@ -28,6 +28,7 @@ using namespace usemeter_test;
 using tracelog::log_capture_t;
 using usemeter_1_5_7::statistic_impl_ga_t;
 using std::chrono::steady_clock;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -66,8 +67,8 @@ TEST(file_system_fault, host_sees_nothing_and_earlier_files_survive)
         if (earlier_files) {
             stored_uuid = statistic_impl_ga_t("trovix", "2016").get_uuid();  // writes uuid.xml
             write_file(paths[1], "1");
-            write_file(paths[2], "<bag><item type=\"bag\"><Y type=\"int\">2020</Y><M type=\"int\">3</M>"
-                                 "<D type=\"int\">1</D></item></bag>");
+            write_file(paths[2], "<bag><item type=\"bag\"><Y type=\"int\">2020</Y>"
+                                 "<M type=\"int\">3</M><D type=\"int\">1</D></item></bag>");
             for (int i = 0; i < 3; ++i)
                 before[i] = read_file(paths[i]);
         }
@@ -124,7 +125,7 @@ TEST_P(network_fault, reports_return_at_once_and_destruction_is_bounded)
 INSTANTIATE_TEST_SUITE_P(
     faults, network_fault,
     ::testing::Values(
-        net_case{"collector_hangs", [](loopback_collector_t& p) { p.hold(std::chrono::minutes(2)); }, 2},
+        net_case{"collector_hangs", [](loopback_collector_t& p) { p.hold(120s); }, 2},
         net_case{"collector_resets", [](loopback_collector_t& p) { p.reset_connections(); }, 2},
         net_case{"collector_answers_500", [](loopback_collector_t& p) { p.answer(500); }, 2},
         net_case{"proxy_down", [](loopback_collector_t& p) { p.stop(); }, 0}),

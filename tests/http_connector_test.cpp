@@ -66,7 +66,7 @@ TEST_F(http_connector, the_first_failure_or_the_stop_marker_ends_delivery)
     } cases[] = {
         {"204", [](loopback_collector_t& s) { s.answer(204); }, numbered_bodies(3)},
         {"500", [](loopback_collector_t& s) { s.answer(500); }, numbered_bodies(3)},
-        {"connection reset", [](loopback_collector_t& s) { s.reset_connections(); }, numbered_bodies(3)},
+        {"reset", [](loopback_collector_t& s) { s.reset_connections(); }, numbered_bodies(3)},
         {"hanging", [](loopback_collector_t& s) { s.hold(120s); }, numbered_bodies(3)},
         {"stop marker", [](loopback_collector_t&) {}, {"v=1&n=0", "", "v=1&never"}},
     };
@@ -149,7 +149,8 @@ TEST_F(http_connector, urlencode_escapes_every_byte_but_unreserved_ones)
 TEST_F(http_connector, proxy_info_appends_http_proxy_verbatim_for_every_url)
 {
     scoped_env_t upper("HTTP_PROXY", "http://127.0.0.1:1"), all("all_proxy", "http://127.0.0.1:2");
-    for (const char* value : {static_cast<const char*>(nullptr), "", " http://a:1, http://b:2 ,c "}) {
+    const char* const values[] = {nullptr, "", " http://a:1, http://b:2 ,c "};
+    for (const char* value : values) {
         scoped_env_t http_proxy("http_proxy", value);
         for (const char* url : {"http://www.google-analytics.com/collect", ""}) {
             strings_t proxies = {"kept"}, expected = {"kept"};

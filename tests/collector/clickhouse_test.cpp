@@ -104,22 +104,25 @@ protected:
     }
 
     // Every report for filter, one row a line; the error instead when a query fails.
-    static std::string reported(const uc::clickhouse_reports_t& reports, const uc::report_filter_t& filter)
+    static std::string reported(const uc::clickhouse_reports_t& reports,
+                                const uc::report_filter_t& filter)
     {
         std::vector<uc::active_row_t> active;
         std::vector<uc::feature_row_t> features;
         std::vector<uc::version_row_t> versions;
         std::vector<uc::system_row_t> systems;
-        for (const uc::outcome_t& outcome : {reports.active(filter, active), reports.features(filter, features),
-                                             reports.versions(filter, versions), reports.systems(filter, systems)})
+        for (const uc::outcome_t& outcome :
+             {reports.active(filter, active), reports.features(filter, features),
+              reports.versions(filter, versions), reports.systems(filter, systems)})
             if (!outcome)
                 return outcome.error;
         std::ostringstream out;
         for (const auto& r : active)
-            out << r.day << ' ' << r.dau << ' ' << r.wau << ' ' << r.mau << ' ' << r.new_users << ' '
-                << r.active_share << '\n';
+            out << r.day << ' ' << r.dau << ' ' << r.wau << ' ' << r.mau << ' ' << r.new_users
+                << ' ' << r.active_share << '\n';
         for (const auto& f : features)
-            out << f.category << (f.is_subtotal ? " *" : " =" + f.label) << ' ' << f.hits << ' ' << f.users << '\n';
+            out << f.category << (f.is_subtotal ? " *" : " =" + f.label) << ' ' << f.hits << ' '
+                << f.users << '\n';
         for (const auto& v : versions)
             out << v.day << ' ' << v.version << ' ' << v.users << '\n';
         for (const auto& s : systems)
@@ -263,14 +266,16 @@ TEST_F(clickhouse_test, both_stores_keep_the_same_hits_and_clickhouse_reports_th
     ASSERT_TRUE(sqlite && sqlite->append(hits) && clickhouse->append(hits)) << error;
     ASSERT_TRUE(eventually([&] { return clickhouse->backlog() == 0; }));
     std::ostringstream from_sqlite, from_clickhouse;
-    ASSERT_TRUE(sqlite->export_csv(from_sqlite, "", "") && clickhouse->export_csv(from_clickhouse, "", ""));
+    ASSERT_TRUE(sqlite->export_csv(from_sqlite, "", ""));
+    ASSERT_TRUE(clickhouse->export_csv(from_clickhouse, "", ""));
     EXPECT_EQ(from_clickhouse.str(), from_sqlite.str());
 
     uc::clickhouse_address_t address;
     ASSERT_TRUE(uc::parse_clickhouse_uri(server.uri("test"), address, error));
     const struct {
         uc::report_filter_t filter;
-        std::string expected;  // day dau wau mau new share; category =label hits users; versions; systems
+        // day dau wau mau new share; category =label hits users; versions; systems
+        std::string expected;
     } cases[] = {
         {{"", "", day(6), day(7)},
          day(6) + " 2 3 3 1 0.5\n" + day(7) + " 1 3 3 0 1\ngui * 3 3\ngui =a,b \"q\" 1 1\n"
@@ -284,5 +289,6 @@ TEST_F(clickhouse_test, both_stores_keep_the_same_hits_and_clickhouse_reports_th
          day(7) + " 1 1 1 1 1\ngui * 1 1\ngui =open 1 1\n" + day(7) + " 1.2 1\nlinux 1\n"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(reported(uc::clickhouse_reports_t(address), c.filter), c.expected) << c.filter.product;
+        EXPECT_EQ(reported(uc::clickhouse_reports_t(address), c.filter), c.expected)
+            << c.filter.product;
 }
