@@ -26,6 +26,8 @@ public:
             });
         start();
     }
+    // Stopped before the recorded requests go: the observer may still be running.
+    ~loopback_collector_t() { stop(); }
     std::vector<hit_request_t> requests() const
     {
         std::lock_guard<std::mutex> lock(mutex_);
