@@ -26,7 +26,7 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include "support/http_server.hpp"
+#include "support/loopback_user.hpp"
 #include "usemeter/sys/http_connector.hpp"
 
 namespace {
@@ -41,10 +41,9 @@ const std::string body =
 
 const int bodies_per_batch = 200;
 
-usemeter_test::http_server_t& server()
+usemeter_test::loopback_collector_t& server()
 {
-    static usemeter_test::http_server_t instance;
-    instance.keep_request_details(false);
+    static usemeter_test::loopback_collector_t instance(false);
     return instance;
 }
 
@@ -73,7 +72,7 @@ void delivery_rate(benchmark::State& state)
     http_connector_t connector(url.c_str());
     std::size_t expected = server().request_count() + 1;
     connector.post(std::string(body));
-    server().wait_for_requests(expected, std::chrono::seconds(30));
+    server().wait_for_hit_requests(expected, std::chrono::seconds(30));
 
     double bare_seconds = 0;
     double connector_seconds = 0;
@@ -94,7 +93,7 @@ void delivery_rate(benchmark::State& state)
         const auto connector_start = clock_type::now();
         for (int i = 0; i < bodies_per_batch; ++i)
             connector.post(std::string(body));
-        if (!server().wait_for_requests(expected, std::chrono::seconds(30)))
+        if (!server().wait_for_hit_requests(expected, std::chrono::seconds(30)))
             ++failures;
         connector_seconds += seconds_since(connector_start);
         state.SetIterationTime(seconds_since(bare_start));
@@ -155,7 +154,7 @@ void unpin()
 // thread's run inside some measured calls and not others, and made two runs disagree.
 void post_worker_parked(benchmark::State& state)
 {
-    usemeter_test::http_server_t refusing;
+    usemeter_test::loopback_collector_t refusing(false);
     refusing.answer(500);
     pin_to_cpu(1);
     http_connector_t connector(refusing.url().c_str());
@@ -168,7 +167,7 @@ void post_worker_parked(benchmark::State& state)
     });
     pin_to_cpu(0);
     connector.post(std::string(body));
-    refusing.wait_for_requests(1, std::chrono::seconds(30));
+    refusing.wait_for_hit_requests(1, std::chrono::seconds(30));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     for (auto _ : state) {
         std::string copy = body;

@@ -24,7 +24,7 @@
 #include <benchmark/benchmark.h>
 #include <boost/thread/sync_queue.hpp>
 
-#include "support/http_server.hpp"
+#include "support/loopback_user.hpp"
 #include "prodenv/fixed_locations.hpp"
 #include "support/temp_home.hpp"
 #include "usemeter/sys/statistic_impl_ga.hpp"
@@ -45,8 +45,8 @@ struct setting_t {
     usemeter_test::clean_env_t clean_env;
     usemeter_test::temp_home_t home;
     usemeter_test::temp_dir_t data;
-    usemeter_test::http_server_t proxy;
-    usemeter_test::scoped_env_t proxy_var{"http_proxy", proxy.proxy_url().c_str()};
+    usemeter_test::loopback_collector_t proxy{false};
+    usemeter_test::scoped_env_t proxy_var{"http_proxy", proxy.base_url().c_str()};
     usemeter_test::scoped_env_t force{"NORVEL_FORCE_FEEDBACK", "1"};
     prodenv::fixed_locations_t locations;
 
@@ -131,7 +131,7 @@ void disabled_notify(benchmark::State& state)
 
 void hanging_route_notify(benchmark::State& state)
 {
-    setting().proxy.hang(std::chrono::minutes(10));
+    setting().proxy.hold(std::chrono::minutes(10));
     {
         statistic_impl_ga_t backend("trovix", "2016");
         time_calls(state, "hanging", [&] { backend.notify_feature_usage(feature); });
@@ -154,7 +154,7 @@ long resident_bytes()
 double memory_growth_ratio()
 {
     const int hits = 100000;
-    setting().proxy.hang(std::chrono::minutes(10));
+    setting().proxy.hold(std::chrono::minutes(10));
     double ratio = 0;
     {
         statistic_impl_ga_t backend("trovix", "2016");

@@ -315,6 +315,14 @@ void collector_t::reset_connections()
     set_mode(mode_t::reset, 200, {});
 }
 
+bool collector_t::wait_for_hit_requests(std::size_t n, std::chrono::milliseconds timeout) const
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (hit_requests_ < n && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return hit_requests_ >= n;
+}
+
 void collector_t::set_observer(observer_t observer)
 {
     std::lock_guard<std::mutex> lock(mutex_);

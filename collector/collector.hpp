@@ -111,6 +111,8 @@ public:
 
     const metrics_t& metrics() const { return metrics_; }
     std::size_t hit_requests() const { return hit_requests_; }
+    // True as soon as n hit requests have arrived (whatever the mode); false after timeout.
+    bool wait_for_hit_requests(std::size_t n, std::chrono::milliseconds timeout) const;
     // True while the store accepts commits.
     bool healthy() const { return healthy_; }
 

@@ -10,9 +10,8 @@
 #include <boost/thread/barrier.hpp>
 
 #include "support/fake_tool.hpp"
-#include "support/http_server.hpp"
+#include "prodenv/fixed_locations.hpp"
 #include "support/loopback_user.hpp"
-#include "support/locations_double.hpp"
 #include "support/temp_home.hpp"
 #include "usemeter/orb_accessor.hpp"
 #include "usemeter/statistic.hpp"
@@ -84,13 +83,13 @@ TEST_F(concurrency_test, backends_come_and_go_around_their_workers)
     EXPECT_EQ(proxy.request_count(), static_cast<std::size_t>(reports));
 }
 
+// Destruction right after the last post still delivers every queued body, as a form.
 TEST_F(concurrency_test, one_connector_takes_bodies_from_many_threads_in_each_threads_order)
 {
-    http_server_t collector;
     scoped_env_t direct("http_proxy", nullptr);
     const int per_thread = 50;
     {
-        usemeter::http_connector_t connector(collector.url().c_str());
+        usemeter::http_connector_t connector(proxy.url().c_str());
         run_together(thread_count, [&](int t) {
             for (int i = 0; i < per_thread; ++i) {
                 connector.post("t=" + std::to_string(t) + "&i=" + std::to_string(i));
@@ -99,7 +98,9 @@ TEST_F(concurrency_test, one_connector_takes_bodies_from_many_threads_in_each_th
         });
     }
     std::vector<int> next(thread_count, 0);
-    for (const http_request_t& request : collector.requests()) {
+    for (const hit_request_t& request : proxy.requests()) {
+        EXPECT_EQ(request.method + " " + request.target + " " + request.header("Content-Type"),
+                  "POST /collect application/x-www-form-urlencoded");
         int t = -1, i = -1;
         ASSERT_EQ(std::sscanf(request.body.c_str(), "t=%d&i=%d", &t, &i), 2) << request.body;
         ASSERT_TRUE(t >= 0 && t < thread_count);
@@ -111,7 +112,7 @@ TEST_F(concurrency_test, one_connector_takes_bodies_from_many_threads_in_each_th
 TEST_F(concurrency_test, bridge_hands_every_thread_the_tools_identifier)
 {
     temp_dir_t tmp;
-    locations_double_t locations;
+    prodenv::fixed_locations_t locations;
     locations.temp_dir = tmp.path();
     const std::string line = "0A1B2C3D-0000-4000-8000-00000000CAFE";
     fake_tool_t tool(home / "norvel/orb/bin/ia32/norvelremotemon",
