@@ -154,9 +154,11 @@ private:
 
 std::unique_ptr<report_source_t> open_report_source(const std::string& uri, std::string& error)
 {
+    if (uri.compare(0, 18, "clickhouse+http://") == 0)
+        return open_clickhouse_report_source(uri, error);
     const std::string scheme = "sqlite:";
     if (uri.compare(0, scheme.size(), scheme) != 0 || uri.size() == scheme.size()) {
-        error = "unknown store \"" + uri + "\" (expected sqlite:PATH)";
+        error = "unknown store \"" + uri + "\" (expected sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE)";
         return nullptr;
     }
     const std::string path = uri.substr(scheme.size());
