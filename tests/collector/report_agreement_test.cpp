@@ -39,8 +39,7 @@ TEST(report_agreement, both_stores_give_the_same_reports_of_the_same_hits)
     options.uri = server.uri("test");
     options.spool = dir / "spool.db";
     options.batch_rows = 3000;
-    options.batch_wait = std::chrono::milliseconds(20);
-    options.retry_max = std::chrono::milliseconds(20);
+    options.batch_wait = options.retry_max = std::chrono::milliseconds(20);
     int acknowledgements = 0;
     options.fault = [&](uc::forward_step_t step) {
         return step != uc::forward_step_t::acknowledged || ++acknowledgements % 2 == 0;
@@ -52,15 +51,13 @@ TEST(report_agreement, both_stores_give_the_same_reports_of_the_same_hits)
     for (const char* product : {"trovix", "quanta"}) {
         const uc::generator_options_t generated{product, 60, 75, uc::utc_day(now), product[0] == 't' ? 1u : 2u};
         std::int64_t hits = 0;
-        ASSERT_TRUE(uc::generate_hits(generated, *sqlite, hits));
-        ASSERT_TRUE(uc::generate_hits(generated, *clickhouse, hits));
+        ASSERT_TRUE(uc::generate_hits(generated, *sqlite, hits) && uc::generate_hits(generated, *clickhouse, hits));
     }
     // One user of both products: new to trovix on a later day, and active only by a second hit that day.
-    const std::int64_t later = now - 20 * 86400;
     const std::vector<uc::hit_t> both_products = {
         {now - 40 * 86400, "UA-1", "both", "quanta", "2025.2", "", "Debian 12", "y", "run", "collect"},
-        {later, "UA-1", "both", "trovix", "2026.1", "", "Debian 12", "n", "run", "collect"},
-        {later + 60, "UA-1", "both", "trovix", "2026.1", "", "Debian 12", "y", "run", "report"}};
+        {now - 20 * 86400, "UA-1", "both", "trovix", "2026.1", "", "Debian 12", "n", "run", "collect"},
+        {now - 20 * 86400 + 60, "UA-1", "both", "trovix", "2026.1", "", "Debian 12", "y", "run", "report"}};
     ASSERT_TRUE(sqlite->append(both_products) && clickhouse->append(both_products));
     for (int waited = 0; clickhouse->backlog() > 0 && waited < 2000; ++waited)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -71,8 +68,8 @@ TEST(report_agreement, both_stores_give_the_same_reports_of_the_same_hits)
     auto from_clickhouse = uc::open_report_source(server.uri("test"), error);
     ASSERT_TRUE(from_sqlite && from_clickhouse) << error;
     const std::string since = uc::utc_day(now - 50 * 86400), until = uc::utc_day(now - 10 * 86400);
-    for (uc::report_query_t query : {uc::report_query_t{}, uc::report_query_t{"trovix", "", since, until},
-                                     uc::report_query_t{"quanta", "2025.2", "", until}}) {
+    std::vector<uc::report_query_t> queries = {{}, {"trovix", "", since, until}, {"quanta", "2025.2", "", until}};
+    for (uc::report_query_t& query : queries) {
         ASSERT_TRUE(uc::complete_query(query, now));
         for (uc::report_kind_t kind : {uc::report_kind_t::active, uc::report_kind_t::features,
                                        uc::report_kind_t::versions, uc::report_kind_t::systems}) {
@@ -84,10 +81,7 @@ TEST(report_agreement, both_stores_give_the_same_reports_of_the_same_hits)
         }
     }
     server.kill();
-    uc::report_query_t query;
-    uc::report_t report;
-    ASSERT_TRUE(uc::complete_query(query, now));
-    EXPECT_FALSE(uc::make_report(*from_clickhouse, uc::report_kind_t::systems, query, report));
+    EXPECT_EQ(report_text(*from_clickhouse, uc::report_kind_t::systems, queries[0]).rfind("cannot read", 0), 0u);
 }
 
 }  // namespace
