@@ -25,6 +25,7 @@ struct report_t {
     std::vector<active_day_t> days;
     std::vector<feature_row_t> features;
     std::vector<version_row_t> versions;
+    std::optional<newest_version_t> newest;  // versions only
     std::vector<system_row_t> systems;
 };
 

@@ -280,6 +280,22 @@ outcome_t versions_report(report_source_t& source, const report_query_t& query,
     return {};
 }
 
+outcome_t newest_version(report_source_t& source, const report_query_t& query,
+                         const std::vector<version_row_t>& rows, std::optional<newest_version_t>& newest)
+{
+    newest.reset();
+    if (rows.empty() || rows.back().day != query.until)
+        return {};
+    std::unordered_set<std::string> users;
+    const outcome_t read = source.user_days(query, query.until, query.until,
+                                            [&](const std::string&, const std::string& cid, bool) { users.insert(cid); });
+    const auto dau = static_cast<std::int64_t>(users.size());
+    if (read)
+        newest = newest_version_t{query.until, rows.back().version, rows.back().users, dau,
+                                  share(rows.back().users, dau)};
+    return read;
+}
+
 outcome_t systems_report(report_source_t& source, const report_query_t& query,
                          std::vector<system_row_t>& rows)
 {

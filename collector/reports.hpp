@@ -42,6 +42,14 @@ struct version_row_t {
     std::int64_t users = 0;
 };
 
+// The newest version's share of the last day: the last version (in release order) among the
+// versions rows of that day, its users over the day's distinct client ids (dau).
+struct newest_version_t {
+    std::string day, version;
+    std::int64_t users = 0, dau = 0;
+    double share = 0;  // 0..1, rounded to 4 decimals
+};
+
 struct system_row_t {
     std::string system;
     std::int64_t users = 0;
@@ -93,6 +101,9 @@ outcome_t features_report(report_source_t& source, const report_query_t& query,
 // By day, then version in release order ("2.10" after "2.9").
 outcome_t versions_report(report_source_t& source, const report_query_t& query,
                           std::vector<version_row_t>& rows);
+// From the versions report's rows; none when nobody reported on the query's last day.
+outcome_t newest_version(report_source_t& source, const report_query_t& query,
+                         const std::vector<version_row_t>& rows, std::optional<newest_version_t>& newest);
 // By users, most first.
 outcome_t systems_report(report_source_t& source, const report_query_t& query,
                          std::vector<system_row_t>& rows);

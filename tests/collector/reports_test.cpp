@@ -51,7 +51,7 @@ std::vector<std::string> words(const std::string& text)
 std::string json_as_csv(const std::string& text, const std::string& key, const std::string& header)
 {
     const json doc = json::parse(text);
-    EXPECT_EQ(doc.size(), 1u);
+    EXPECT_EQ(doc.size(), key == "versions" ? 2u : 1u);
     std::string csv = header + "\n";
     for (const json& row : doc.at(key)) {
         std::string line;
@@ -116,6 +116,7 @@ struct known_case_t {
     const char* arguments;
     const char* key;
     const char* csv;
+    const char* newest = "";  // versions: the table's closing line, words of the JSON's "newest"
 };
 
 const known_case_t known_cases[] = {
@@ -133,7 +134,10 @@ const known_case_t known_cases[] = {
      "category,label,hits,users\nimport,,2,1\nimport,csv,2,1\nrun,,2,2\nrun,analyze,1,1\nrun,collect,1,1\n"},
     {"versions --product trovix", "versions",
      "day,version,users\n2026-03-10,1.9,2\n2026-03-12,1.9,2\n2026-03-12,1.10,1\n"
-     "2026-03-14,1.10,1\n2026-03-16,1.10,1\n"},
+     "2026-03-14,1.10,1\n2026-03-16,1.10,1\n", "newest version 1.10 on 2026-03-16: 1 of 1 users (1.0)"},
+    {"versions --product trovix --until 2026-03-12", "versions",
+     "day,version,users\n2026-03-10,1.9,2\n2026-03-12,1.9,2\n2026-03-12,1.10,1\n",
+     "newest version 1.10 on 2026-03-12: 1 of 3 users (0.3333)"},
     {"systems", "systems", "system,users\nDebian 12,4\nFedora 40,2\n"},
 };
 
@@ -150,7 +154,15 @@ TEST_F(reports_test, known_hits_give_known_numbers_in_every_format)
         const std::string header = std::string(known.csv).substr(0, std::string(known.csv).find('\n'));
         EXPECT_EQ(run_tool(arguments + " --format csv").out, known.csv);
         EXPECT_EQ(json_as_csv(run_tool(arguments + " --format json").out, known.key, header), known.csv);
-        EXPECT_EQ(words(run_tool(arguments).out), csv_as_table_words(known.csv));
+        std::vector<std::string> table = csv_as_table_words(known.csv), newest = words(known.newest);
+        table.insert(table.end(), newest.begin(), newest.end());
+        EXPECT_EQ(words(run_tool(arguments).out), table);
+        if (*known.newest) {
+            const json n = json::parse(run_tool(arguments + " --format json").out).at("newest");
+            EXPECT_EQ(newest, words("newest version " + n.at("version").get<std::string>() + " on " +
+                                    n.at("day").get<std::string>() + ": " + n.at("users").dump() + " of " +
+                                    n.at("dau").dump() + " users (" + n.at("share").dump() + ")"));
+        }
     }
 }
 
