@@ -151,8 +151,10 @@ outcome_t make_report(report_source_t& source, report_kind_t kind, const report_
     switch (kind) {
     case report_kind_t::active:
         return active_report(source, query, report.days);
-    case report_kind_t::features:
-        return features_report(source, query, report.features);
+    case report_kind_t::features: {
+        const outcome_t made = features_report(source, query, report.features);
+        return made ? weekly_trend(source, query, report.features, report.trend) : made;
+    }
     case report_kind_t::versions: {
         const outcome_t made = versions_report(source, query, report.versions);
         return made ? newest_version(source, query, report.versions, report.newest) : made;
@@ -166,6 +168,11 @@ outcome_t make_report(report_source_t& source, report_kind_t kind, const report_
 nlohmann::json report_json(const report_t& report)
 {
     json doc = {{layout_of(report.kind).key, rows_json(report)}};
+    if (report.kind == report_kind_t::features) {
+        doc["trend"] = json::array();
+        for (const trend_row_t& t : report.trend)
+            doc["trend"].push_back({{"week", t.week}, {"category", t.category}, {"hits", t.hits}});
+    }
     if (report.kind == report_kind_t::versions)
         doc["newest"] = report.newest ? json{{"day", report.newest->day}, {"version", report.newest->version},
                                              {"users", report.newest->users}, {"dau", report.newest->dau},

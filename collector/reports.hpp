@@ -37,6 +37,13 @@ struct feature_row_t {
     std::int64_t hits = 0, users = 0;
 };
 
+// Hits of a category in the ISO week (Monday to Sunday) starting on week, counting only the
+// days of the range.
+struct trend_row_t {
+    std::string week, category;
+    std::int64_t hits = 0;
+};
+
 struct version_row_t {
     std::string day, version;
     std::int64_t users = 0;
@@ -76,6 +83,10 @@ public:
     // Hits of since..until per category, label and client id, in any order and possibly
     // split into several rows (per day and version).
     virtual outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) = 0;
+    using category_day_sink_t =
+        std::function<void(const std::string& day, const std::string& category, std::int64_t hits)>;
+    // Hits of since..until per day and category, possibly split into several rows.
+    virtual outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) = 0;
     virtual outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) = 0;
     virtual outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) = 0;
 };
@@ -98,6 +109,9 @@ outcome_t active_report(report_source_t& source, const report_query_t& query,
 // Categories by hits (most first), each subtotal followed by its labels by hits.
 outcome_t features_report(report_source_t& source, const report_query_t& query,
                           std::vector<feature_row_t>& rows);
+// Every week of the range for each category of rows (a features report), in rows' order.
+outcome_t weekly_trend(report_source_t& source, const report_query_t& query,
+                       const std::vector<feature_row_t>& rows, std::vector<trend_row_t>& trend);
 // By day, then version in release order ("2.10" after "2.9").
 outcome_t versions_report(report_source_t& source, const report_query_t& query,
                           std::vector<version_row_t>& rows);

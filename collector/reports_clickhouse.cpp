@@ -72,6 +72,13 @@ public:
                       4, [&](const row_t& row) { sink(row[0], row[1], row[2], std::stoll(row[3])); });
     }
 
+    outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) override
+    {
+        return select("SELECT day, ec, count() FROM " + table_ + " FINAL WHERE " +
+                          matching(query, query.since, query.until) + " GROUP BY day, ec",
+                      3, [&](const row_t& row) { sink(row[0], row[1], std::stoll(row[2])); });
+    }
+
     outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
     {
         return select("SELECT day, av, uniqExact(cid) FROM " + table_ + " WHERE " +

@@ -28,6 +28,8 @@ const std::string first_days_sql =
     "SELECT cid, min(day) AS first FROM first_seen %P GROUP BY cid"
     " HAVING first BETWEEN :first AND :last";
 const std::string features_sql = "SELECT ec, el, cid, hits FROM feature_days WHERE%F";
+const std::string category_days_sql =
+    "SELECT day, ec, sum(hits) FROM feature_days WHERE%F GROUP BY day, ec";
 const std::string versions_sql =
     "SELECT day, av, count(DISTINCT cid) FROM user_days WHERE%F GROUP BY day, av";
 const std::string systems_sql =
@@ -126,6 +128,14 @@ public:
         select.bind(query, query.since, query.until);
         return select.each(
             [&] { sink(select.text(0), select.text(1), select.text(2), select.number(3)); });
+    }
+
+    outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(category_days_sql, query));
+        select.bind(query, query.since, query.until);
+        return select.each([&] { sink(select.text(0), select.text(1), select.number(2)); });
     }
 
     outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override

@@ -51,7 +51,7 @@ std::vector<std::string> words(const std::string& text)
 std::string json_as_csv(const std::string& text, const std::string& key, const std::string& header)
 {
     const json doc = json::parse(text);
-    EXPECT_EQ(doc.size(), key == "versions" ? 2u : 1u);
+    EXPECT_EQ(doc.size(), key == "versions" || key == "features" ? 2u : 1u);
     std::string csv = header + "\n";
     for (const json& row : doc.at(key)) {
         std::string line;
@@ -166,6 +166,18 @@ TEST_F(reports_test, known_hits_give_known_numbers_in_every_format)
     }
 }
 
+TEST_F(reports_test, weekly_trend_counts_each_category_per_week_within_the_range)
+{
+    store(known_hits);
+    const json doc = json::parse(run_tool("stats features --product trovix --since 2026-03-10 --until 2026-03-16"
+                                          " --format json --store " + store_uri()).out);
+    std::string trend;
+    for (const json& t : doc.at("trend"))
+        trend += t.at("week").get<std::string>() + " " + t.at("category").get<std::string>() + " " + t.at("hits").dump() + ",";
+    EXPECT_EQ(trend, "2026-03-09 run 5,2026-03-16 run 0,2026-03-09 import 2,2026-03-16 import 0,"
+                     "2026-03-09 script 0,2026-03-16 script 1,2026-03-09 view 1,2026-03-16 view 0,");
+}
+
 TEST_F(reports_test, bad_input_is_refused_with_its_exit_code)
 {
     store(known_hits);
@@ -277,7 +289,7 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
         const std::string& dom = page.out;
         EXPECT_NE(dom.find("data-state=\"ready\""), std::string::npos) << dom.substr(0, 2000);
         EXPECT_EQ(dom.find("data-problems"), std::string::npos);
-        for (const char* chart : {"chart-active", "chart-new", "chart-features", "chart-versions", "chart-systems"}) {
+        for (const char* chart : {"chart-active", "chart-new", "chart-features", "chart-trend", "chart-versions", "chart-systems"}) {
             EXPECT_EQ(attribute_of(dom, chart, "data-painted"), "yes") << chart;
             EXPECT_NE(attribute_of(dom, chart, "data-points"), "0") << chart;
         }
