@@ -117,14 +117,13 @@ void append_tsv_field(std::string& row, const std::string& field)
     }
 }
 
-std::vector<std::vector<std::string>> parse_tsv(const std::string& text)
+void each_tsv_row(const std::string& text, const std::function<void(const std::vector<std::string>&)>& take)
 {
-    std::vector<std::vector<std::string>> rows;
     std::vector<std::string> row(1);
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (c == '\n') {
-            rows.push_back(std::move(row));
+            take(row);
             row.assign(1, std::string());
         } else if (c == '\t') {
             row.emplace_back();
@@ -137,6 +136,12 @@ std::vector<std::vector<std::string>> parse_tsv(const std::string& text)
             row.back() += c;
         }
     }
+}
+
+std::vector<std::vector<std::string>> parse_tsv(const std::string& text)
+{
+    std::vector<std::vector<std::string>> rows;
+    each_tsv_row(text, [&](const std::vector<std::string>& row) { rows.push_back(row); });
     return rows;
 }
 

@@ -3,6 +3,7 @@
 #ifndef USEMETER_COLLECTOR_CLICKHOUSE_HTTP_HPP
 #define USEMETER_COLLECTOR_CLICKHOUSE_HTTP_HPP
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,8 @@ private:
 // TabSeparated text: a field escaped for a row, and the rows of a result unescaped.
 void append_tsv_field(std::string& row, const std::string& field);
 std::vector<std::vector<std::string>> parse_tsv(const std::string& text);
+// The same, one row at a time, for results too large to hold twice.
+void each_tsv_row(const std::string& text, const std::function<void(const std::vector<std::string>&)>& take);
 // A string literal for a statement.
 std::string sql_quoted(const std::string& text);
 

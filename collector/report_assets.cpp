@@ -30,6 +30,7 @@ const char* const report_template = R"html(<!DOCTYPE html>
 <section><h2>New users per day</h2><canvas id="chart-new"></canvas></section>
 <section><h2>Features (hits and users per category)</h2><canvas id="chart-features"></canvas>
 <table id="table-features"><thead><tr><th>category</th><th>label</th><th>hits</th><th>users</th></tr></thead><tbody></tbody></table></section>
+<section><h2>Weekly trend (hits per category and week)</h2><canvas id="chart-trend"></canvas></section>
 <section><h2>Version adoption (users per day)</h2><canvas id="chart-versions"></canvas></section>
 <section><h2>Systems (users)</h2><canvas id="chart-systems"></canvas></section>
 <footer id="status"></footer>
@@ -159,6 +160,12 @@ const char* const report_script = R"js(
       labels: categories.map(function (f) { return f.category; }), datasets: [
         { label: 'hits', data: categories.map(function (f) { return f.hits; }) },
         { label: 'users', data: categories.map(function (f) { return f.users; }) }] } });
+    var trend = data.features.trend, weeks = [];
+    trend.forEach(function (t) { if (weeks.indexOf(t.week) < 0) weeks.push(t.week); });
+    chart('chart-trend', { type: 'line', data: { labels: weeks, datasets: categories.map(function (f) {
+      return { label: f.category, data: trend.filter(function (t) { return t.category === f.category; })
+        .map(function (t) { return t.hits; }) };
+    }) } });
     var versions = [];
     data.versions.versions.forEach(function (v) {
       if (versions.indexOf(v.version) < 0) versions.push(v.version);

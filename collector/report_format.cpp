@@ -110,6 +110,15 @@ std::string table(const layout_t& layout, const json& rows)
     return out;
 }
 
+// The table's closing line of the versions report.
+std::string newest_line(const std::optional<newest_version_t>& newest)
+{
+    if (!newest)
+        return "";
+    return "newest version " + newest->version + " on " + newest->day + ": " + std::to_string(newest->users) +
+           " of " + std::to_string(newest->dau) + " users (" + json(newest->share).dump() + ")\n";
+}
+
 }  // namespace
 
 bool report_kind_named(const std::string& name, report_kind_t& kind)
@@ -142,10 +151,14 @@ outcome_t make_report(report_source_t& source, report_kind_t kind, const report_
     switch (kind) {
     case report_kind_t::active:
         return active_report(source, query, report.days);
-    case report_kind_t::features:
-        return features_report(source, query, report.features);
-    case report_kind_t::versions:
-        return versions_report(source, query, report.versions);
+    case report_kind_t::features: {
+        const outcome_t made = features_report(source, query, report.features);
+        return made ? weekly_trend(source, query, report.features, report.trend) : made;
+    }
+    case report_kind_t::versions: {
+        const outcome_t made = versions_report(source, query, report.versions);
+        return made ? newest_version(source, query, report.versions, report.newest) : made;
+    }
     case report_kind_t::systems:
         return systems_report(source, query, report.systems);
     }
@@ -154,7 +167,18 @@ outcome_t make_report(report_source_t& source, report_kind_t kind, const report_
 
 nlohmann::json report_json(const report_t& report)
 {
-    return {{layout_of(report.kind).key, rows_json(report)}};
+    json doc = {{layout_of(report.kind).key, rows_json(report)}};
+    if (report.kind == report_kind_t::features) {
+        doc["trend"] = json::array();
+        for (const trend_row_t& t : report.trend)
+            doc["trend"].push_back({{"week", t.week}, {"category", t.category}, {"hits", t.hits}});
+    }
+    if (report.kind == report_kind_t::versions)
+        doc["newest"] = report.newest ? json{{"day", report.newest->day}, {"version", report.newest->version},
+                                             {"users", report.newest->users}, {"dau", report.newest->dau},
+                                             {"share", report.newest->share}}
+                                      : json(nullptr);
+    return doc;
 }
 
 std::string format_report(const report_t& report, report_format_t format)
@@ -164,7 +188,7 @@ std::string format_report(const report_t& report, report_format_t format)
     case report_format_t::csv:
         return csv(layout, rows_json(report));
     case report_format_t::table:
-        return table(layout, rows_json(report));
+        return table(layout, rows_json(report)) + newest_line(report.newest);
     case report_format_t::json:
         break;
     }

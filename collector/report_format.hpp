@@ -24,7 +24,9 @@ struct report_t {
     report_kind_t kind = report_kind_t::active;
     std::vector<active_day_t> days;
     std::vector<feature_row_t> features;
+    std::vector<trend_row_t> trend;  // features only
     std::vector<version_row_t> versions;
+    std::optional<newest_version_t> newest;  // versions only
     std::vector<system_row_t> systems;
 };
 

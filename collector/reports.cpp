@@ -269,6 +269,31 @@ outcome_t features_report(report_source_t& source, const report_query_t& query,
     return {};
 }
 
+outcome_t weekly_trend(report_source_t& source, const report_query_t& query,
+                       const std::vector<feature_row_t>& rows, std::vector<trend_row_t>& trend)
+{
+    // 1970-01-01 was a Thursday: day 0 is 3 days after its week's Monday.
+    auto monday = [](std::int64_t day) { return day - ((day + 3) % 7 + 7) % 7; };
+    const std::int64_t first = monday(day_number(query.since));
+    const auto weeks = static_cast<std::size_t>((monday(day_number(query.until)) - first) / 7 + 1);
+    std::map<std::string, std::vector<std::int64_t>> hits;
+    for (const feature_row_t& row : rows)
+        if (!row.label)
+            hits[row.category].assign(weeks, 0);
+    const outcome_t read = source.category_days(query, [&](const std::string& day, const std::string& category,
+                                                             std::int64_t count) {
+        const auto found = hits.find(category);
+        if (found != hits.end())
+            found->second[static_cast<std::size_t>((monday(day_number(day)) - first) / 7)] += count;
+    });
+    trend.clear();
+    for (const feature_row_t& row : rows)
+        for (std::size_t week = 0; !row.label && week < weeks; ++week)
+            trend.push_back({day_text(first + 7 * static_cast<std::int64_t>(week)), row.category,
+                             hits[row.category][week]});
+    return read;
+}
+
 outcome_t versions_report(report_source_t& source, const report_query_t& query,
                           std::vector<version_row_t>& rows)
 {
@@ -278,6 +303,22 @@ outcome_t versions_report(report_source_t& source, const report_query_t& query,
         return a.day != b.day ? a.day < b.day : version_less(a.version, b.version);
     });
     return {};
+}
+
+outcome_t newest_version(report_source_t& source, const report_query_t& query,
+                         const std::vector<version_row_t>& rows, std::optional<newest_version_t>& newest)
+{
+    newest.reset();
+    if (rows.empty() || rows.back().day != query.until)
+        return {};
+    std::unordered_set<std::string> users;
+    const outcome_t read = source.user_days(query, query.until, query.until,
+                                            [&](const std::string&, const std::string& cid, bool) { users.insert(cid); });
+    const auto dau = static_cast<std::int64_t>(users.size());
+    if (read)
+        newest = newest_version_t{query.until, rows.back().version, rows.back().users, dau,
+                                  share(rows.back().users, dau)};
+    return read;
 }
 
 outcome_t systems_report(report_source_t& source, const report_query_t& query,

@@ -37,9 +37,24 @@ struct feature_row_t {
     std::int64_t hits = 0, users = 0;
 };
 
+// Hits of a category in the ISO week (Monday to Sunday) starting on week, counting only the
+// days of the range.
+struct trend_row_t {
+    std::string week, category;
+    std::int64_t hits = 0;
+};
+
 struct version_row_t {
     std::string day, version;
     std::int64_t users = 0;
+};
+
+// The newest version's share of the last day: the last version (in release order) among the
+// versions rows of that day, its users over the day's distinct client ids (dau).
+struct newest_version_t {
+    std::string day, version;
+    std::int64_t users = 0, dau = 0;
+    double share = 0;  // 0..1, rounded to 4 decimals
 };
 
 struct system_row_t {
@@ -68,12 +83,18 @@ public:
     // Hits of since..until per category, label and client id, in any order and possibly
     // split into several rows (per day and version).
     virtual outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) = 0;
+    using category_day_sink_t =
+        std::function<void(const std::string& day, const std::string& category, std::int64_t hits)>;
+    // Hits of since..until per day and category, possibly split into several rows.
+    virtual outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) = 0;
     virtual outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) = 0;
     virtual outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) = 0;
 };
 
 // Opens a read-only source on the store a URI names; nullptr with error set when it cannot.
 std::unique_ptr<report_source_t> open_report_source(const std::string& uri, std::string& error);
+// The one it picks for clickhouse+http://HOST:PORT/DATABASE.
+std::unique_ptr<report_source_t> open_clickhouse_report_source(const std::string& uri, std::string& error);
 
 // Fills in the default range (the 30 days ending today, UTC) and checks the days; an error
 // names the bad field.
@@ -88,9 +109,15 @@ outcome_t active_report(report_source_t& source, const report_query_t& query,
 // Categories by hits (most first), each subtotal followed by its labels by hits.
 outcome_t features_report(report_source_t& source, const report_query_t& query,
                           std::vector<feature_row_t>& rows);
+// Every week of the range for each category of rows (a features report), in rows' order.
+outcome_t weekly_trend(report_source_t& source, const report_query_t& query,
+                       const std::vector<feature_row_t>& rows, std::vector<trend_row_t>& trend);
 // By day, then version in release order ("2.10" after "2.9").
 outcome_t versions_report(report_source_t& source, const report_query_t& query,
                           std::vector<version_row_t>& rows);
+// From the versions report's rows; none when nobody reported on the query's last day.
+outcome_t newest_version(report_source_t& source, const report_query_t& query,
+                         const std::vector<version_row_t>& rows, std::optional<newest_version_t>& newest);
 // By users, most first.
 outcome_t systems_report(report_source_t& source, const report_query_t& query,
                          std::vector<system_row_t>& rows);

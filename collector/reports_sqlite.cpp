@@ -28,6 +28,8 @@ const std::string first_days_sql =
     "SELECT cid, min(day) AS first FROM first_seen %P GROUP BY cid"
     " HAVING first BETWEEN :first AND :last";
 const std::string features_sql = "SELECT ec, el, cid, hits FROM feature_days WHERE%F";
+const std::string category_days_sql =
+    "SELECT day, ec, sum(hits) FROM feature_days WHERE%F GROUP BY day, ec";
 const std::string versions_sql =
     "SELECT day, av, count(DISTINCT cid) FROM user_days WHERE%F GROUP BY day, av";
 const std::string systems_sql =
@@ -128,6 +130,14 @@ public:
             [&] { sink(select.text(0), select.text(1), select.text(2), select.number(3)); });
     }
 
+    outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(category_days_sql, query));
+        select.bind(query, query.since, query.until);
+        return select.each([&] { sink(select.text(0), select.text(1), select.number(2)); });
+    }
+
     outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -154,9 +164,11 @@ private:
 
 std::unique_ptr<report_source_t> open_report_source(const std::string& uri, std::string& error)
 {
+    if (uri.compare(0, 18, "clickhouse+http://") == 0)
+        return open_clickhouse_report_source(uri, error);
     const std::string scheme = "sqlite:";
     if (uri.compare(0, scheme.size(), scheme) != 0 || uri.size() == scheme.size()) {
-        error = "unknown store \"" + uri + "\" (expected sqlite:PATH)";
+        error = "unknown store \"" + uri + "\" (expected sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE)";
         return nullptr;
     }
     const std::string path = uri.substr(scheme.size());

@@ -51,7 +51,7 @@ std::vector<std::string> words(const std::string& text)
 std::string json_as_csv(const std::string& text, const std::string& key, const std::string& header)
 {
     const json doc = json::parse(text);
-    EXPECT_EQ(doc.size(), 1u);
+    EXPECT_EQ(doc.size(), key == "versions" || key == "features" ? 2u : 1u);
     std::string csv = header + "\n";
     for (const json& row : doc.at(key)) {
         std::string line;
@@ -116,6 +116,7 @@ struct known_case_t {
     const char* arguments;
     const char* key;
     const char* csv;
+    const char* newest = "";  // versions: the table's closing line, words of the JSON's "newest"
 };
 
 const known_case_t known_cases[] = {
@@ -133,7 +134,10 @@ const known_case_t known_cases[] = {
      "category,label,hits,users\nimport,,2,1\nimport,csv,2,1\nrun,,2,2\nrun,analyze,1,1\nrun,collect,1,1\n"},
     {"versions --product trovix", "versions",
      "day,version,users\n2026-03-10,1.9,2\n2026-03-12,1.9,2\n2026-03-12,1.10,1\n"
-     "2026-03-14,1.10,1\n2026-03-16,1.10,1\n"},
+     "2026-03-14,1.10,1\n2026-03-16,1.10,1\n", "newest version 1.10 on 2026-03-16: 1 of 1 users (1.0)"},
+    {"versions --product trovix --until 2026-03-12", "versions",
+     "day,version,users\n2026-03-10,1.9,2\n2026-03-12,1.9,2\n2026-03-12,1.10,1\n",
+     "newest version 1.10 on 2026-03-12: 1 of 3 users (0.3333)"},
     {"systems", "systems", "system,users\nDebian 12,4\nFedora 40,2\n"},
 };
 
@@ -150,8 +154,28 @@ TEST_F(reports_test, known_hits_give_known_numbers_in_every_format)
         const std::string header = std::string(known.csv).substr(0, std::string(known.csv).find('\n'));
         EXPECT_EQ(run_tool(arguments + " --format csv").out, known.csv);
         EXPECT_EQ(json_as_csv(run_tool(arguments + " --format json").out, known.key, header), known.csv);
-        EXPECT_EQ(words(run_tool(arguments).out), csv_as_table_words(known.csv));
+        std::vector<std::string> table = csv_as_table_words(known.csv), newest = words(known.newest);
+        table.insert(table.end(), newest.begin(), newest.end());
+        EXPECT_EQ(words(run_tool(arguments).out), table);
+        if (*known.newest) {
+            const json n = json::parse(run_tool(arguments + " --format json").out).at("newest");
+            EXPECT_EQ(newest, words("newest version " + n.at("version").get<std::string>() + " on " +
+                                    n.at("day").get<std::string>() + ": " + n.at("users").dump() + " of " +
+                                    n.at("dau").dump() + " users (" + n.at("share").dump() + ")"));
+        }
     }
+}
+
+TEST_F(reports_test, weekly_trend_counts_each_category_per_week_within_the_range)
+{
+    store(known_hits);
+    const json doc = json::parse(run_tool("stats features --product trovix --since 2026-03-10 --until 2026-03-16"
+                                          " --format json --store " + store_uri()).out);
+    std::string trend;
+    for (const json& t : doc.at("trend"))
+        trend += t.at("week").get<std::string>() + " " + t.at("category").get<std::string>() + " " + t.at("hits").dump() + ",";
+    EXPECT_EQ(trend, "2026-03-09 run 5,2026-03-16 run 0,2026-03-09 import 2,2026-03-16 import 0,"
+                     "2026-03-09 script 0,2026-03-16 script 1,2026-03-09 view 1,2026-03-16 view 0,");
 }
 
 TEST_F(reports_test, bad_input_is_refused_with_its_exit_code)
@@ -265,7 +289,7 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
         const std::string& dom = page.out;
         EXPECT_NE(dom.find("data-state=\"ready\""), std::string::npos) << dom.substr(0, 2000);
         EXPECT_EQ(dom.find("data-problems"), std::string::npos);
-        for (const char* chart : {"chart-active", "chart-new", "chart-features", "chart-versions", "chart-systems"}) {
+        for (const char* chart : {"chart-active", "chart-new", "chart-features", "chart-trend", "chart-versions", "chart-systems"}) {
             EXPECT_EQ(attribute_of(dom, chart, "data-painted"), "yes") << chart;
             EXPECT_NE(attribute_of(dom, chart, "data-points"), "0") << chart;
         }
