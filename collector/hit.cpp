@@ -40,4 +40,19 @@ bool is_day(const std::string& text)
     return month >= 1 && month <= 12 && day >= 1 && day <= 31;
 }
 
+const char* const export_csv_header = "received,tid,cid,an,av,cd1,cd2,cd3,ec,el\n";
+
+// RFC 4180: quoted only when the field holds a separator, a quote or a line break.
+void write_csv_field(std::ostream& out, const std::string& field)
+{
+    if (field.find_first_of(",\"\r\n") == std::string::npos) {
+        out << field;
+        return;
+    }
+    out << '"';
+    for (char c : field)
+        out << (c == '"' ? "\"\"" : std::string(1, c));
+    out << '"';
+}
+
 }  // namespace usemeter_collector

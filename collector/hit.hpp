@@ -4,6 +4,7 @@
 #define USEMETER_COLLECTOR_HIT_HPP
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <utility>
 
@@ -29,6 +30,11 @@ std::string utc_day(std::int64_t seconds);
 std::string utc_timestamp(std::int64_t seconds);
 // True for a well-formed "YYYY-MM-DD".
 bool is_day(const std::string& text);
+
+// The export's CSV form, the same from every store: this header line, then per hit the
+// received time (utc_timestamp) and the nine fields, each written by write_csv_field.
+extern const char* const export_csv_header;
+void write_csv_field(std::ostream& out, const std::string& field);
 
 }  // namespace usemeter_collector
 

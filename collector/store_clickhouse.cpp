@@ -64,19 +64,6 @@ std::string tsv_rows(const std::string& instance, const std::vector<spooled_hit_
     return rows;
 }
 
-// RFC 4180, as the SQLite store writes it.
-void write_csv_field(std::ostream& out, const std::string& field)
-{
-    if (field.find_first_of(",\"\r\n") == std::string::npos) {
-        out << field;
-        return;
-    }
-    out << '"';
-    for (char c : field)
-        out << (c == '"' ? "\"\"" : std::string(1, c));
-    out << '"';
-}
-
 std::string day_range_condition(const std::string& since, const std::string& until)
 {
     std::string condition = "1";
@@ -140,7 +127,7 @@ public:
                      std::string(), &result);
         if (!outcome)
             return outcome;
-        out << "received,tid,cid,an,av,cd1,cd2,cd3,ec,el\n";
+        out << export_csv_header;
         for (const auto& row : parse_tsv(result)) {
             out << utc_timestamp(std::stoll(row.at(0)));
             for (std::size_t column = 1; column < row.size(); ++column) {

@@ -97,19 +97,6 @@ void bind_hit(statement_t& stmt, const hit_t& hit, const std::string& day)
         stmt.bind(index++, *field);
 }
 
-// RFC 4180: quoted only when the field holds a separator, a quote or a line break.
-void write_csv_field(std::ostream& out, const std::string& field)
-{
-    if (field.find_first_of(",\"\r\n") == std::string::npos) {
-        out << field;
-        return;
-    }
-    out << '"';
-    for (char c : field)
-        out << (c == '"' ? "\"\"" : std::string(1, c));
-    out << '"';
-}
-
 class sqlite_store_t : public store_t {
 public:
     explicit sqlite_store_t(sqlite3* db, std::string path) : db_(db), path_(std::move(path)) {}
@@ -166,7 +153,7 @@ public:
         const std::string last_day = until.empty() ? std::string("9999-99-99") : until;
         select.bind(1, since);
         select.bind(2, last_day);
-        out << "received,tid,cid,an,av,cd1,cd2,cd3,ec,el\n";
+        out << export_csv_header;
         int rc;
         while ((rc = sqlite3_step(select.get())) == SQLITE_ROW) {
             out << utc_timestamp(sqlite3_column_int64(select.get(), 0));

@@ -6,13 +6,11 @@
 
 #include <pthread.h>
 
-#include <log4cplus/consoleappender.h>
-#include <log4cplus/layout.h>
-#include <log4cplus/logger.h>
 
 #include "collector/collector.hpp"
 #include "collector/report_page.hpp"
 #include "common.hpp"
+#include "tracelog/host_setup.hpp"
 
 namespace usemeter_tool {
 
@@ -81,17 +79,6 @@ int run_erase(int argc, char** argv)
         throw command_error(outcome.error);
     std::cout << "erased " << erased << " hits\n";
     return exit_ok;
-}
-
-// The service logs to standard error unless a log configuration says otherwise.
-void log_to_stderr()
-{
-    log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("usemeter.collector"));
-    log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true, true));
-    appender->setLayout(std::make_unique<log4cplus::PatternLayout>(
-        LOG4CPLUS_TEXT("usemeter collector: %-5p %m%n")));
-    logger.addAppender(appender);
-    logger.setLogLevel(log4cplus::INFO_LOG_LEVEL);
 }
 
 // The report page and its JSON, read from the store the collector writes.
@@ -173,7 +160,7 @@ int run_collector(int argc, char** argv)
     sigaddset(&stop_signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-    log_to_stderr();
+    tracelog::log_to_stderr("usemeter.collector", "usemeter collector: ");
     uc::collector_t collector(options);
     const uc::outcome_t started = collector.start();
     if (!started)

@@ -6,8 +6,8 @@
 #include <fstream>
 #include <iostream>
 
-#include <log4cplus/configurator.h>
 
+#include "tracelog/host_setup.hpp"
 #include "tracelog/log_capture.hpp"
 
 namespace usemeter_tool {
@@ -125,7 +125,7 @@ product_session_t::product_session_t(const product_options_t& o) : options(o)
     if (!o.log_config.empty()) {
         if (!std::ifstream(o.log_config))
             throw usage_error("--log-config: no such file: " + o.log_config);
-        log4cplus::PropertyConfigurator::doConfigure(o.log_config);
+        tracelog::load_configuration(o.log_config);
     }
     locations = install_locations(o);
     tracelog::log_capture_t tap("usemeter.statistic");
