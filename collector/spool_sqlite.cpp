@@ -72,6 +72,17 @@ struct spool_t::connection_t {
         return {};
     }
 
+    using statement_t = std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)>;
+
+    // A prepared statement, finalized when it goes; null when sql does not prepare.
+    statement_t prepare(const char* sql)
+    {
+        sqlite3_stmt* stmt = nullptr;
+        if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK)
+            stmt = nullptr;
+        return statement_t(stmt, sqlite3_finalize);
+    }
+
     // The first column of the first row of a query, as text ("" when there is none).
     outcome_t scalar(const char* sql, std::string& value)
     {
@@ -132,13 +143,11 @@ outcome_t spool_t::append(const std::vector<hit_t>& hits)
 {
     connection_t& c = *writer_;
     std::lock_guard<std::mutex> lock(c.mutex);
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(c.db,
-                           "INSERT INTO spool (received, tid, cid, an, av, cd1, cd2, cd3, ec, el)"
-                           " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
-                           -1, &stmt, nullptr) != SQLITE_OK)
+    const auto insert = c.prepare("INSERT INTO spool (received, tid, cid, an, av, cd1, cd2, cd3,"
+                                  " ec, el) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    if (!insert)
         return c.failed("cannot prepare the insert");
-    std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finalize(stmt, sqlite3_finalize);
+    sqlite3_stmt* stmt = insert.get();
     if (!c.exec("BEGIN IMMEDIATE"))
         return c.failed("cannot begin a transaction");
     for (const hit_t& hit : hits) {
@@ -163,13 +172,11 @@ outcome_t spool_t::read_after(std::int64_t seq, std::size_t limit, std::vector<s
 {
     connection_t& c = *reader_;
     std::lock_guard<std::mutex> lock(c.mutex);
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(c.db,
-                           "SELECT seq, received, tid, cid, an, av, cd1, cd2, cd3, ec, el FROM spool"
-                           " WHERE seq > ? ORDER BY seq LIMIT ?",
-                           -1, &stmt, nullptr) != SQLITE_OK)
+    const auto select = c.prepare("SELECT seq, received, tid, cid, an, av, cd1, cd2, cd3, ec, el"
+                                  " FROM spool WHERE seq > ? ORDER BY seq LIMIT ?");
+    if (!select)
         return c.failed("cannot read");
-    std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finalize(stmt, sqlite3_finalize);
+    sqlite3_stmt* stmt = select.get();
     sqlite3_bind_int64(stmt, 1, seq);
     sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(limit));
     int rc;
