@@ -220,8 +220,8 @@ TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_qui
     }
 }
 
-// The first line as written, from an exchange file that is gone afterwards; busy locks are
-// passed over, 19 at most; without a temporary directory nothing is tried.
+// The first line as written, from an exchange file that is gone afterwards; busy locks and
+// planted names are passed over, 19 at most; without a temporary directory nothing is tried.
 TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
 {
     const std::pair<std::string, std::string> rows[] = {
@@ -237,7 +237,19 @@ TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
         EXPECT_EQ(log.messages().back(), "return: uuid = " + row.second);
         EXPECT_EQ(count_files(tmp_.path()), 0);
     }
+    // A name planted by someone else is passed over, never written through.
     const fake_tool_t tool(home_ / home_paths[monitor], writing_uuid("ID\n"));
+    const std::string victim = home_ / "victim.txt", planted = tmp_ / exchange_name(1);
+    using plant_t = int (*)(const char*, const char*);
+    for (const plant_t plant : {plant_t(::symlink), plant_t(::link)}) {
+        write_file(victim, "precious");
+        ASSERT_EQ(plant(victim.c_str(), planted.c_str()), 0);
+        EXPECT_EQ(bridge_.get_uuid(), "ID");
+        EXPECT_EQ(tool.args(), (strings{"-u", tmp_ / exchange_name(2)}));
+        EXPECT_EQ(read_file(victim), "precious");
+        EXPECT_EQ(count_files(tmp_.path()), 1) << "only the planted link is left";
+        ::unlink(planted.c_str());
+    }
     for (int n = 1; n <= 18; ++n)
         write_file(tmp_ / exchange_name(n, ".lock"), "");
     EXPECT_EQ(bridge_.get_uuid(), "ID");
@@ -257,22 +269,6 @@ TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
                                                 : "prodenv::IProductLocations::get() is NULL"),
                   "");
         EXPECT_EQ(log.messages().back(), "return: empty string");
-    }
-}
-
-TEST_F(bridge_test, get_uuid_never_writes_through_a_planted_link)
-{
-    const fake_tool_t tool(home_ / home_paths[monitor], writing_uuid("ID\n"));
-    const std::string victim = home_ / "victim.txt", planted = tmp_ / exchange_name(1);
-    using plant_t = int (*)(const char*, const char*);
-    for (const plant_t plant : {plant_t(::symlink), plant_t(::link)}) {
-        write_file(victim, "precious");
-        ASSERT_EQ(plant(victim.c_str(), planted.c_str()), 0);
-        EXPECT_EQ(bridge_.get_uuid(), "ID");
-        EXPECT_EQ(tool.args(), (strings{"-u", tmp_ / exchange_name(2)}));
-        EXPECT_EQ(read_file(victim), "precious");
-        EXPECT_EQ(count_files(tmp_.path()), 1) << "only the planted link is left";
-        ::unlink(planted.c_str());
     }
 }
 

@@ -10,6 +10,7 @@
 #include <boost/filesystem.hpp>
 
 #include "basekit/variant_bag.hpp"
+#include "network_status_detail.hpp"
 #include "prodenv/fixed_locations.hpp"
 #include "rtbase/strings.hpp"
 #include "support/host_double.hpp"
@@ -24,13 +25,10 @@ using lines_t = std::vector<std::string>;
 
 namespace {
 
-// The smallest concrete policy object: records what the core forwards to it.
+// The smallest concrete policy object.
 struct probe_t : statistic_impl_t {
     probe_t(const std::string& product = "trovix") : statistic_impl_t(product, "1.0") {}
-    void notify_feature_usage_ex(const std::string& name, unsigned long long value) override
-    {
-        events.push_back(name + "=" + std::to_string(value));
-    }
+    void notify_feature_usage_ex(const std::string&, unsigned long long) override {}
     void write_range_metric(const std::string&, unsigned long long, unsigned long long,
                             unsigned char, unsigned long long) override {}
     void write_log_range_metric(const std::string&, unsigned long long, unsigned char) override {}
@@ -38,7 +36,6 @@ struct probe_t : statistic_impl_t {
     bool flush() override { return true; }
     bool enabled() const { return enabled_; }
     std::string optin() const { return optin_path_; }
-    lines_t events;
 };
 
 // Plays a resolver that cannot be reached.
@@ -76,100 +73,84 @@ protected:
     const std::string optin = home / "norvel/optin";
 };
 
-// Each disabling step beats the ones after it, so every adjacent pair of steps is set together
-// somewhere; content is never looked at, an empty variable counts as unset. Sending files is
-// refused by NORVEL_DONOTSEND_FEEDBACK alone.
-TEST_F(policy, environment_state_and_send_files_policy)
-{
-    const struct {
-        const char* values[4];  // for steps; null: unset
-        int state;
-        const char* message;
-        bool no_files;
-    } rows[] = {
-        {{}, 0, "Return 'evsEnabled'", false},
-        {{"", "", "", ""}, 0, "Return 'evsEnabled'", false},
-        {{nullptr, nullptr, nullptr, "0"}, 1,
-         "Return 'evsEnabledForced' - NORVEL_FORCE_FEEDBACK is set", false},
-        {{"1"}, 3, "Return 'evsDisabled' - NORVEL_STATISTICS_DISABLE is set", false},
-        {{"0", "1"}, 3, "Return 'evsDisabled' - NORVEL_STATISTICS_DISABLE is set", true},
-        {{nullptr, " ", "1"}, 3, "Return 'evsDisabled' - NORVEL_DONOTSEND_FEEDBACK is set", true},
-        {{nullptr, nullptr, "no", "1"}, 3,
-         "Return 'evsDisabled' - NORVEL_DISABLE_FEEDBACK is set", false},
-    };
-    probe_t probe;
-    for (const auto& row : rows) {
-        scoped_env_t a(steps[0], row.values[0]), b(steps[1], row.values[1]),
-            c(steps[2], row.values[2]), d(steps[3], row.values[3]);
-        log_capture_t log("usemeter.statistic");
-        EXPECT_EQ(statistic_impl_t::get_env_vars_state(), row.state) << row.message;
-        EXPECT_EQ(probe.is_send_files_disabled(), row.no_files) << row.message;
-        const char* files = row.no_files ? "Return 'true' - NORVEL_DONOTSEND_FEEDBACK is enabled"
-                                         : "Return 'false'";
-        EXPECT_EQ(log.messages(), (lines_t{row.message, files}));
-        for (const auto& record : log.records())
-            EXPECT_EQ(record.level, 0) << record.message;  // TRACE
-    }
-}
-
-// Environment x network x consent; the look-up and the consent are consulted only when needed.
-// Of the consent file only the first token counts, and only "1" grants. The name asked for is
-// numeric in every build with tests, so no test reaches a DNS server.
+// Environment x network x consent. Of the environment's steps the first one set decides, so
+// every adjacent pair is set together somewhere; content is never looked at, an empty variable
+// counts as unset. The look-up and the consent file are consulted only when the environment
+// leaves the decision open; of the file only the first token counts, and only "1" grants. The
+// name asked for is numeric in every build with tests, so no test reaches a DNS server.
 TEST_F(policy, enablement_table)
 {
     const std::string forced = "Return 'evsEnabledForced' - NORVEL_FORCE_FEEDBACK is set";
     const std::string forced_on =
         "Return 'true' - statistic forcefully enabled by environment variables";
+    const std::string off = "Return 'false' - statistic disabled due to environment variables";
     const std::string yes = "optin file enables statistic", no = "optin file disables statistic";
     const std::string none = "optin file missing/not readable";
     const struct {
-        const char* variable;  // set to "1", or null
+        const char* values[4];  // for steps; null: unset
         const char* node;
         std::string consent;  // for place()
-        bool expected, looked_up;
+        bool expected;
         lines_t messages;  // without the enter/exit traces
     } rows[] = {
-        {"NORVEL_STATISTICS_DISABLE", "127.0.0.1", "1", false, false,
-         {"Return 'evsDisabled' - NORVEL_STATISTICS_DISABLE is set",
-          "Return 'false' - statistic disabled due to environment variables"}},
-        {"NORVEL_FORCE_FEEDBACK", "10.1.2.3", "0", true, false, {forced, forced_on}},
-        {"NORVEL_FORCE_FEEDBACK", unreachable, "<missing>", true, false, {forced, forced_on}},
-        {nullptr, "10.1.2.3", "1", false, true, {env_on, "Return 'false' - excluded network"}},
-        {nullptr, unreachable, "1", false, true, {env_on, "Return 'false' - network error"}},
-        {nullptr, "127.0.0.1", "1\n", true, true, {env_on, env_on, read, yes}},
-        {nullptr, "::1", "0", false, true, {env_on, env_on, read, no}},
-        {nullptr, "127.0.0.1", "<missing>", false, true, {env_on, env_on, none}},
-        {nullptr, "127.0.0.1", "<dir>", false, true, {env_on, env_on, none}},
-        {nullptr, "127.0.0.1", "\n\t 1 0", true, true, {env_on, env_on, read, yes}},
-        {nullptr, "127.0.0.1", "10", false, true, {env_on, env_on, read, no}},
-        {nullptr, "127.0.0.1", "", false, true, {env_on, env_on, read, no}},
-        {nullptr, "127.0.0.1", " \n", false, true, {env_on, env_on, read, no}},
-        {nullptr, "127.0.0.1", std::string("\x01\xff\x00" "1", 4), false, true,
-         {env_on, env_on, read, no}},
-        {nullptr, "127.0.0.1", "<endless>", false, true, {env_on, env_on, read, no}},
+        {{"1"}, "127.0.0.1", "1", false,
+         {"Return 'evsDisabled' - NORVEL_STATISTICS_DISABLE is set", off}},
+        {{"0", "1"}, "127.0.0.1", "1", false,
+         {"Return 'evsDisabled' - NORVEL_STATISTICS_DISABLE is set", off}},
+        {{nullptr, " ", "1"}, "127.0.0.1", "1", false,
+         {"Return 'evsDisabled' - NORVEL_DONOTSEND_FEEDBACK is set", off}},
+        {{nullptr, nullptr, "no", "1"}, "127.0.0.1", "1", false,
+         {"Return 'evsDisabled' - NORVEL_DISABLE_FEEDBACK is set", off}},
+        {{nullptr, nullptr, nullptr, "0"}, "10.1.2.3", "0", true, {forced, forced_on}},
+        {{"", "", "", "1"}, unreachable, "<missing>", true, {forced, forced_on}},
+        {{"", "", "", ""}, "10.1.2.3", "1", false, {env_on, "Return 'false' - excluded network"}},
+        {{}, unreachable, "1", false, {env_on, "Return 'false' - network error"}},
+        {{}, "127.0.0.1", "1\n", true, {env_on, env_on, read, yes}},
+        {{}, "::1", "0", false, {env_on, env_on, read, no}},
+        {{}, "127.0.0.1", "<missing>", false, {env_on, env_on, none}},
+        {{}, "127.0.0.1", "<dir>", false, {env_on, env_on, none}},
+        {{}, "127.0.0.1", "\n\t 1 0", true, {env_on, env_on, read, yes}},
+        {{}, "127.0.0.1", "10", false, {env_on, env_on, read, no}},
+        {{}, "127.0.0.1", "", false, {env_on, env_on, read, no}},
+        {{}, "127.0.0.1", " \n", false, {env_on, env_on, read, no}},
+        {{}, "127.0.0.1", std::string("\x01\xff\x00" "1", 4), false, {env_on, env_on, read, no}},
+        {{}, "127.0.0.1", "<endless>", false, {env_on, env_on, read, no}},
     };
     make_dirs(home / "norvel");
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.variable ? row.variable : "-") + " " + row.node + " " +
-                     row.consent);
-        scoped_env_t variable(row.variable ? row.variable : "NORVEL_UNUSED", "1");
+        SCOPED_TRACE("row " + std::to_string(&row - rows));
+        scoped_env_t a(steps[0], row.values[0]), b(steps[1], row.values[1]),
+            c(steps[2], row.values[2]), d(steps[3], row.values[3]);
         host.resolves_as = row.node;
         host.resolve_error = row.node == std::string(unreachable) ? EAI_AGAIN : 0;
         place(optin, row.consent);
         host.lookups = 0;
         log_capture_t log("usemeter.statistic");
         EXPECT_EQ(probe_t().enabled(), row.expected);
-        EXPECT_EQ(host.lookups, row.looked_up ? 1 : 0);
+        EXPECT_EQ(host.lookups, row.messages[0] == env_on ? 1 : 0);
         EXPECT_EQ(log.messages(), row.messages);
+        for (const auto& record : log.records())
+            EXPECT_EQ(record.level, 0) << record.message;  // TRACE
     }
-    in6_addr numeric;
-    EXPECT_TRUE(::inet_pton(AF_INET, host.seen_node.c_str(), &numeric) == 1 ||
-                ::inet_pton(AF_INET6, host.seen_node.c_str(), &numeric) == 1)
-        << host.seen_node;
-    EXPECT_EQ(host.seen_service, "domain");
     const addrinfo& h = host.seen_hints;
+    EXPECT_EQ(host.seen_service, "domain");
     EXPECT_EQ((std::vector<int>{h.ai_flags, h.ai_family, h.ai_socktype, h.ai_protocol}),
               (std::vector<int>{0, AF_UNSPEC, SOCK_DGRAM, 17}));
+}
+
+// Only NORVEL_DONOTSEND_FEEDBACK refuses files; the environment answers consent alone (without
+// a consent file the answer would be 0).
+TEST_F(policy, send_files_and_consent_from_the_environment)
+{
+    const std::string refused = "Return 'true' - NORVEL_DONOTSEND_FEEDBACK is enabled";
+    probe_t probe;
+    for (int step = 0; step < 4; ++step) {
+        scoped_env_t variable(steps[step], "1");
+        log_capture_t log("usemeter.statistic");
+        EXPECT_EQ(probe.is_send_files_disabled(), step == 1) << steps[step];
+        EXPECT_EQ(log.messages(), lines_t{step == 1 ? refused : "Return 'false'"});
+        EXPECT_EQ(probe.get_user_consent(), step == 3 ? 1 : 2) << steps[step];
+    }
 }
 
 // A forced identifier bypasses the file, and the identifier is settled before the decision that
@@ -221,24 +202,6 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
     }
 }
 
-// The environment answers consent alone: the file is not opened.
-TEST_F(policy, consent_from_the_environment_comes_first)
-{
-    probe_t probe;
-    const struct { const char* variable; const char* content; int expected; } rows[] = {
-        {"NORVEL_FORCE_FEEDBACK", "<missing>", 1},
-        {"NORVEL_DONOTSEND_FEEDBACK", "<missing>", 2},
-        {"NORVEL_DISABLE_FEEDBACK", "1", 2},
-    };
-    for (const auto& row : rows) {
-        scoped_env_t variable(row.variable, "1");
-        place(optin, row.content);
-        log_capture_t log("usemeter.statistic");
-        EXPECT_EQ(probe.get_user_consent(), row.expected) << row.variable;
-        EXPECT_EQ(log.messages().size(), 1u) << row.variable;
-    }
-}
-
 // The answer replaces the file: a planted link is replaced, not followed, the file is the
 // user's alone, and a write that fails (a full disk) keeps the answer on record.
 TEST_F(policy, consent_writes_one_byte_and_refreshes_the_decision)
@@ -278,11 +241,8 @@ TEST_F(policy, per_user_paths)
     {
         prodenv::fixed_locations_t locations;
         locations.product_dir = "ProdDir";
-        probe_t probe("myprod");
+        EXPECT_EQ(probe_t("myprod").optin(), optin);
         EXPECT_TRUE(file_exists(uuid_xml("ProdDir")));
-        EXPECT_EQ(probe.optin(), optin);
-        probe.notify_feature_usage("scan.begin");  // a plain use is an event of value 1
-        EXPECT_EQ(probe.events, lines_t{"scan.begin=1"});
     }
     const std::string previous = boost::filesystem::current_path().string();
     for (const char* value : {static_cast<const char*>(nullptr), ""}) {
@@ -324,6 +284,46 @@ TEST_F(policy, unusable_directories_leave_a_silent_object)
     make_dirs(uuid_xml());
     EXPECT_TRUE(std::regex_match(probe_t().get_uuid(), uuid_form));
     EXPECT_TRUE(boost::filesystem::is_directory(uuid_xml()));
+}
+
+// Each entry is one answer of a synthetic list ("v4:a.b.c.d" or "v6:<address>"), linked in
+// order; a v6 entry carries 10.1.2.3 where an IPv4 address would lie, so only the family decides.
+int classify(int gai_error, const std::vector<std::string>& entries)
+{
+    std::vector<sockaddr_in6> addresses(entries.size());
+    std::vector<addrinfo> infos(entries.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const bool v4 = entries[i].compare(0, 3, "v4:") == 0;
+        auto* v4_address = reinterpret_cast<sockaddr_in*>(&addresses[i]);
+        ::inet_pton(AF_INET, "10.1.2.3", &v4_address->sin_addr);
+        addresses[i].sin6_family = v4 ? AF_INET : AF_INET6;
+        ::inet_pton(v4 ? AF_INET : AF_INET6, entries[i].c_str() + 3,
+                    v4 ? static_cast<void*>(&v4_address->sin_addr) : &addresses[i].sin6_addr);
+        infos[i].ai_family = addresses[i].sin6_family;
+        infos[i].ai_addr = reinterpret_cast<sockaddr*>(&addresses[i]);
+        infos[i].ai_next = i + 1 < entries.size() ? &infos[i + 1] : nullptr;
+    }
+    return usemeter_1_5_7::detail::classify_lookup(gai_error, infos.empty() ? nullptr : &infos[0]);
+}
+
+TEST(network_status, classifies_lookup_outcomes)
+{
+    const int ok = usemeter::nsOk, error = usemeter::nsError, excluded = usemeter::nsExcludedNetwork;
+    const struct {
+        int gai_error;
+        std::vector<std::string> entries;
+        int expected;
+    } rows[] = {
+        {EAI_NONAME, {}, ok}, {EAI_NODATA, {}, ok}, {EAI_AGAIN, {}, error},
+        {EAI_FAIL, {}, error}, {EAI_SYSTEM, {}, error}, {0, {}, ok},
+        {0, {"v6:::1", "v6:fd00::10"}, ok},
+        {0, {"v4:127.0.0.1", "v4:11.0.0.1", "v4:9.255.255.255", "v4:192.168.10.10"}, ok},
+        {0, {"v6:::1", "v4:127.0.0.1", "v4:10.9.8.7", "v4:172.16.0.1"}, excluded},
+        {0, {"v4:10.0.0.0"}, excluded},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(classify(row.gai_error, row.entries), row.expected)
+            << row.gai_error << " " << row.entries.size();
 }
 
 }  // namespace

@@ -18,16 +18,14 @@ struct host_double_t : host::host_services_t {
     std::string resolves_as = "127.0.0.1";
     int resolve_error = 0;
     int lookups = 0;
-    std::string seen_node, seen_service;
+    std::string seen_service;
     addrinfo seen_hints{};
     // No file can be created or replaced: a read-only or full file system.
     bool files_fail = false;
-    bool children_fail = false;
 
-    int resolve(const char* node, const char* service, const addrinfo& hints, addrinfo** list) override
+    int resolve(const char*, const char* service, const addrinfo& hints, addrinfo** list) override
     {
         ++lookups;
-        seen_node = node;
         seen_service = service;
         seen_hints = hints;
         *list = nullptr;
@@ -43,10 +41,6 @@ struct host_double_t : host::host_services_t {
     bool replace_file(const std::string& path, const std::string& content) override
     {
         return !files_fail && host_services_t::replace_file(path, content);
-    }
-    pid_t start_child(const char* program, char* const argv[]) override
-    {
-        return children_fail ? -1 : host_services_t::start_child(program, argv);
     }
 };
 

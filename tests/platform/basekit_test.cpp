@@ -5,12 +5,38 @@
 
 #include "basekit/variant_bag.hpp"
 #include "support/temp_home.hpp"
+#include "usemeter/path.hpp"
 
+using basekit::path_t;
 using basekit::variant_bag_t;
 using basekit::variant_t;
 using namespace usemeter_test;
 
 namespace {
+
+TEST(path, change_ext_replaces_only_the_last_extension_of_the_last_component)
+{
+    const std::pair<const char*, const char*> rows[] = {
+        {"/tmp/uuid-4711-1.txt", "/tmp/uuid-4711-1.lock"},
+        {"/tmp/archive.tar.gz", "/tmp/archive.tar.lock"},
+        {"/tmp/noext", "/tmp/noext.lock"},
+        {"/tmp/.hidden", "/tmp/.hidden.lock"},
+        {"/a.d/file", "/a.d/file.lock"},
+        {"relative.xml", "relative.lock"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(path_t(row.first).change_ext("lock").as_string(false), row.second) << row.first;
+}
+
+TEST(path, append_joins_with_single_separators_and_only_real_paths_exist)
+{
+    EXPECT_EQ(path_t("").append("norvel").as_string(), "norvel");
+    EXPECT_EQ(path_t("/h").append("norvel").append("orb").as_string(), "/h/norvel/orb");
+    EXPECT_EQ(path_t("/h/").append("/x").as_string(), "/h/x");
+    EXPECT_TRUE(path_t("/").is_exists());
+    EXPECT_FALSE(path_t("/no/such/usemeter/path").is_exists() || path_t("").is_exists());
+    EXPECT_TRUE(path_t(static_cast<const char*>(nullptr)).empty());
+}
 
 // The saved text is what earlier releases read; loading gives back every type, the order and
 // repeated names (the active-user detector's history shows more of that order). That any
@@ -49,23 +75,14 @@ TEST(variant_bag, saves_the_documented_xml_and_loads_back_every_type)
                                "  </item>\n"
                                "</bag>\n");
 
-    variant_bag_t loaded;
+    variant_bag_t loaded;  // loading restores every value, type and the order exactly
     ASSERT_EQ(basekit::load_variant_bag2(loaded, path, "bag", false), 1);
-    const auto at = [&loaded](const char* name) { return loaded.get_variant(name, variant_t()); };
-    EXPECT_EQ(at("text").get<std::string>(), "a <b> & \"c\"");
-    EXPECT_EQ(at("i").get<std::int32_t>(), -7);
-    EXPECT_EQ(at("i64").get<std::int64_t>(), std::int64_t(1) << 40);
-    EXPECT_EQ(at("u64").get<std::uint64_t>(), 18446744073709551615ull);
-    EXPECT_EQ(at("d").get<double>(), 0.25);
-    EXPECT_TRUE(at("b").get<bool>());
-    EXPECT_EQ(at("raw").kind(), variant_t::vt_blob);
-    EXPECT_EQ(at("raw").bytes(), std::string("\x00\xff", 2));
-    auto item = loaded.begin_by_name("item");
-    item.next();
-    EXPECT_EQ(item.get_value().get_variant("D", variant_t()).get<std::int32_t>(), 21);
+    ASSERT_EQ(basekit::save_variant_bag2(loaded, dir / "again.xml", "bag"), 1);
+    EXPECT_EQ(read_file(dir / "again.xml"), read_file(path));
 }
 
-// A refused document leaves an empty bag; nothing throws.
+// A refused document leaves an empty bag; nothing throws. (Empty, foreign and binary documents
+// are the identifier's cases in the policy test.)
 TEST(variant_bag, bad_files_and_bad_places_fail_without_throwing)
 {
     const auto nested = [](int depth, bool closed) {
@@ -77,11 +94,7 @@ TEST(variant_bag, bad_files_and_bad_places_fail_without_throwing)
         return closed ? out + "</bag>" : out;
     };
     const std::pair<std::string, int> rows[] = {
-        {"", 0},
         {"<?xml version=\"1.0\"?><bag><UUID type=\"string\">ab", 0},
-        {"<other><UUID type=\"string\">x</UUID></other>", 0},
-        {std::string("\x00\x01\x02\xff<bag>", 9), 0},
-        {"hello", 0},
         {"<!-- c --><bag></bag>", 1},
         {nested(100000, false), 0},
         {nested(5000, true), 1},

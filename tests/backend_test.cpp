@@ -1,9 +1,10 @@
+// The backend's parts below the wire: the feature-name grammar and the days of use.
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <sys/stat.h>
 
 #include "support/temp_home.hpp"
+#include "usemeter/statistic.hpp"
 #include "usemeter/sys/active_user_detector.hpp"
 
 using usemeter_1_5_7::active_user_detector_t;
@@ -49,13 +50,6 @@ std::vector<std::string> saved_days(const temp_dir_t& dir)
     return days;
 }
 
-ino_t inode(const std::string& path)
-{
-    struct stat info {};
-    ::stat(path.c_str(), &info);
-    return info.st_ino;
-}
-
 // Today is added once, the history trimmed to the last four days; a file is written only when
 // something changed.
 TEST(active_user_detector, records_each_day_once_keeps_four_and_writes_only_changes)
@@ -73,9 +67,10 @@ TEST(active_user_detector, records_each_day_once_keeps_four_and_writes_only_chan
     EXPECT_EQ(saved_days(dir), (std::vector<std::string>{text(day(-3)), text(day(-2)),
                                                          text(day(-1)), text(day(0))}));
     EXPECT_FALSE(file_exists(dir / "last_active_dates.lock"));
-    const ino_t before = inode(history_file(dir));
+    write_history(dir, {day(-1), day(0)});  // saving would have changed the layout
+    const std::string before = read_file(history_file(dir));
     { active_user_detector_t detector(dir.path()); detector.notify_activity(); }
-    EXPECT_EQ(inode(history_file(dir)), before);  // saving would have renamed a new file in
+    EXPECT_EQ(read_file(history_file(dir)), before);
 }
 
 TEST(active_user_detector, verdict_needs_four_days_the_oldest_strictly_within_a_year)
@@ -134,6 +129,20 @@ TEST(active_user_detector, a_stale_lock_or_missing_directory_costs_the_days_but_
     EXPECT_FALSE(elsewhere.save());  // nothing to write is no failure
     elsewhere.notify_activity();
     EXPECT_TRUE(elsewhere.save());
+}
+
+TEST(feature_name, grammar_accepts_dotted_words_only)
+{
+    const char* valid[] = {"gui.start", "analysis_type.hotspots", "a", "A1.b2.C3", "100%.done", "_", "%"};
+    for (const char* name : valid)
+        EXPECT_TRUE(usemeter::statistic_t::is_feature_name_valid(name)) << name;
+
+    const std::string invalid[] = {
+        "", ".", "a.", ".a", "a..b", "a b", "a-b", "a.b ", " a", "a/b", "a:b",
+        "caf\xc3\xa9", "\xff", std::string("a\0b", 3), "a.b\n",
+    };
+    for (const std::string& name : invalid)
+        EXPECT_FALSE(usemeter::statistic_t::is_feature_name_valid(name)) << name;
 }
 
 }  // namespace
