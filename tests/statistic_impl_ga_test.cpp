@@ -228,8 +228,8 @@ TEST_F(e2e, flat_entry_points_ask_consent_once_and_keep_one_backend_per_handle)
     usemeter_destroy_statistic(second);
     const strings_t sent = bodies();
     ASSERT_EQ(sent.size(), 2u);
-    EXPECT_TRUE(has(sent[0], "&an=trovix&av=2016&") && has(sent[0], "&ec=run&el=first&")) << sent[0];
-    EXPECT_TRUE(has(sent[1], "&an=c%20host&av=1.0&") && has(sent[1], "&ec=run&el=second&")) << sent[1];
+    EXPECT_TRUE(has(sent[0], "&an=trovix&av=2016&") && has(sent[0], "&el=first&")) << sent[0];
+    EXPECT_TRUE(has(sent[1], "&an=c%20host&av=1.0&") && has(sent[1], "&el=second&")) << sent[1];
     EXPECT_TRUE(file_exists(home / "norvel/c host/settings/statistic/uuid.xml"));
 }
 

@@ -308,7 +308,8 @@ int classify(int gai_error, const std::vector<std::string>& entries)
 
 TEST(network_status, classifies_lookup_outcomes)
 {
-    const int ok = usemeter::nsOk, error = usemeter::nsError, excluded = usemeter::nsExcludedNetwork;
+    const int ok = usemeter::nsOk, error = usemeter::nsError;
+    const int excluded = usemeter::nsExcludedNetwork;
     const struct {
         int gai_error;
         std::vector<std::string> entries;
