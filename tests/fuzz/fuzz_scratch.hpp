@@ -32,13 +32,9 @@ inline std::string text(const std::uint8_t* data, std::size_t size)
 
 // Removed at exit.
 struct scratch_t {
-    std::string dir;
-    scratch_t()
-    {
-        const char* base = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::getenv("TMPDIR");
-        dir = std::string(base ? base : "/tmp") + "/usemeter-fuzz-XXXXXX";
-        FUZZ_CHECK(::mkdtemp(&dir[0]), "cannot create the scratch directory");
-    }
+    std::string dir = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm/usemeter-fuzz-XXXXXX"
+                                                       : "/tmp/usemeter-fuzz-XXXXXX";
+    scratch_t() { FUZZ_CHECK(::mkdtemp(&dir[0]), "cannot create the scratch directory"); }
     ~scratch_t() { boost::system::error_code ignored; boost::filesystem::remove_all(dir, ignored); }
 };
 
