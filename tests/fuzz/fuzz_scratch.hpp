@@ -1,5 +1,5 @@
-// Shared by the fuzz targets: a failed property, the input as text, and a private scratch
-// directory per process, on tmpfs where there is one (a million runs must not wear a disk).
+// Shared by the fuzz targets: a failed property, and a private scratch directory per
+// process, on tmpfs where there is one (a million runs must not wear a disk).
 #ifndef USEMETER_TESTS_FUZZ_FUZZ_SCRATCH_HPP
 #define USEMETER_TESTS_FUZZ_FUZZ_SCRATCH_HPP
 
@@ -24,11 +24,6 @@
     } while (0)
 
 namespace fuzz {
-
-inline std::string text(const std::uint8_t* data, std::size_t size)
-{
-    return std::string(reinterpret_cast<const char*>(data), size);
-}
 
 // Removed at exit.
 struct scratch_t {
