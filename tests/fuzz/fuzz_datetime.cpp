@@ -7,7 +7,7 @@ using usemeter_1_5_7::datetime_t;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    const std::string text = fuzz::text(data, size);
+    const std::string text(reinterpret_cast<const char*>(data), size);
     const datetime_t value = datetime_t::parse(text);
 
     if (!value.is_valid()) {

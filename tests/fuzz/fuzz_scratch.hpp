@@ -1,5 +1,5 @@
-// Shared by the fuzz targets: a failed property, the input as text, and a private scratch
-// directory per process, on tmpfs where there is one (a million runs must not wear a disk).
+// Shared by the fuzz targets: a failed property, and a private scratch directory per
+// process, on tmpfs where there is one (a million runs must not wear a disk).
 #ifndef USEMETER_TESTS_FUZZ_FUZZ_SCRATCH_HPP
 #define USEMETER_TESTS_FUZZ_FUZZ_SCRATCH_HPP
 
@@ -25,20 +25,11 @@
 
 namespace fuzz {
 
-inline std::string text(const std::uint8_t* data, std::size_t size)
-{
-    return std::string(reinterpret_cast<const char*>(data), size);
-}
-
 // Removed at exit.
 struct scratch_t {
-    std::string dir;
-    scratch_t()
-    {
-        const char* base = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::getenv("TMPDIR");
-        dir = std::string(base ? base : "/tmp") + "/usemeter-fuzz-XXXXXX";
-        FUZZ_CHECK(::mkdtemp(&dir[0]), "cannot create the scratch directory");
-    }
+    std::string dir = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm/usemeter-fuzz-XXXXXX"
+                                                       : "/tmp/usemeter-fuzz-XXXXXX";
+    scratch_t() { FUZZ_CHECK(::mkdtemp(&dir[0]), "cannot create the scratch directory"); }
     ~scratch_t() { boost::system::error_code ignored; boost::filesystem::remove_all(dir, ignored); }
 };
 
