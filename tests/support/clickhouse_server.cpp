@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <httplib.h>
+#include "collector/clickhouse_http.hpp"
 
 extern char** environ;
 
@@ -116,11 +116,10 @@ std::string clickhouse_server_t::uri(const std::string& database) const
 
 std::string clickhouse_server_t::query(const std::string& statement) const
 {
-    httplib::Client client("127.0.0.1", port_);
-    auto answer = client.Post("/", statement, "text/plain");
-    if (!answer)
-        return "ERROR no answer";
-    return answer->status == 200 ? answer->body : "ERROR " + answer->body;
+    std::string result;
+    const auto ran = usemeter_collector::clickhouse_http_t("http://127.0.0.1:" + std::to_string(port_))
+                         .run(statement, "", &result);
+    return ran ? result : "ERROR " + ran.error;
 }
 
 }  // namespace usemeter_test
