@@ -18,8 +18,6 @@ public:
     clickhouse_server_t();
     // Kills a running server.
     ~clickhouse_server_t();
-    clickhouse_server_t(const clickhouse_server_t&) = delete;
-    clickhouse_server_t& operator=(const clickhouse_server_t&) = delete;
 
     // Starts the server and waits until it answers; false (why in error()) when the server
     // is not installed or does not come up within 20 s.
