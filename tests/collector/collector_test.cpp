@@ -170,16 +170,11 @@ FILE* spawn_collector(const std::string& store_uri, pid_t& pid, int& port)
     return out;
 }
 
-std::size_t acknowledged_count(const std::set<std::string>& acknowledged, std::mutex& mutex)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return acknowledged.size();
-}
-
 TEST_F(collector_test, every_hit_answered_200_survives_sigkill)
 {
     std::set<std::string> acknowledged;
     std::mutex mutex;
+    std::atomic<std::size_t> answered{0};
     for (int round = 0; round < 6; ++round) {
         int port = 0;
         pid_t pid = -1;
@@ -197,13 +192,14 @@ TEST_F(collector_test, every_hit_answered_200_survives_sigkill)
                     if (answer && answer->status == 200) {
                         std::lock_guard<std::mutex> lock(mutex);
                         acknowledged.insert(cid);
+                        ++answered;
                     }
                 }
             });
         // Killed once it has answered some hits, however slow the machine, at a moment
         // that moves from round to round.
-        const std::size_t floor = acknowledged_count(acknowledged, mutex) + 50;
-        for (int wait = 0; wait < 3000 && acknowledged_count(acknowledged, mutex) < floor; ++wait)
+        const std::size_t floor = answered + 50;
+        for (int wait = 0; wait < 3000 && answered < floor; ++wait)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         std::this_thread::sleep_for(std::chrono::milliseconds(10 * round));
         kill(pid, SIGKILL);
