@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <httplib.h>
+#include "collector/clickhouse_http.hpp"
 
 extern char** environ;
 
@@ -33,18 +33,19 @@ int free_loopback_port()
     return bound ? ntohs(address.sin_port) : 0;
 }
 
+// Logs to files only; on SIGTERM the server waits for idle kept-alive connections, so a 1 s
+// keep-alive keeps a stop short.
 std::string config_xml(const std::string& dir, int port)
 {
-    return "<yandex><logger><level>warning</level><log>" + dir + "/log/server.log</log><errorlog>" + dir +
-           "/log/err.log</errorlog><console>0</console></logger><http_port>" + std::to_string(port) +
-           "</http_port><listen_host>127.0.0.1</listen_host>"
-           // On SIGTERM the server waits for idle kept-alive connections; 1 s keeps a stop short.
-           "<keep_alive_timeout>1</keep_alive_timeout><path>" + dir + "/data/</path><tmp_path>" + dir +
-           "/tmp/</tmp_path><user_files_path>" + dir + "/user_files/</user_files_path><format_schema_path>" +
-           dir + "/format_schemas/</format_schema_path><users_config>" + dir +
-           "/users.xml</users_config><default_profile>default</default_profile>"
-           "<default_database>default</default_database><mark_cache_size>5368709</mark_cache_size>"
-           "<uncompressed_cache_size>8589934</uncompressed_cache_size></yandex>";
+    std::string xml = "<yandex><logger><level>warning</level><log>" + dir + "/log/server.log</log><errorlog>" +
+                      dir + "/log/err.log</errorlog><console>0</console></logger><http_port>" +
+                      std::to_string(port) + "</http_port><listen_host>127.0.0.1</listen_host>"
+                      "<keep_alive_timeout>1</keep_alive_timeout><users_config>" + dir + "/users.xml"
+                      "</users_config><default_profile>default</default_profile><default_database>default"
+                      "</default_database><mark_cache_size>5368709</mark_cache_size>";
+    for (const std::string tag : {"path", "tmp_path", "user_files_path", "format_schema_path"})
+        xml += "<" + tag + ">" + dir + "/" + tag + "/</" + tag + ">";
+    return xml + "</yandex>";
 }
 
 const char* const users_xml =
@@ -67,28 +68,25 @@ clickhouse_server_t::~clickhouse_server_t()
 
 bool clickhouse_server_t::start()
 {
-    if (access(server_program, X_OK) != 0) {
-        error_ = std::string(server_program) + " is not installed (scripts/install-deps installs it)";
-        return false;
-    }
     const std::string config = "--config-file=" + dir_ / "config.xml";
     char* const argv[] = {const_cast<char*>(server_program), const_cast<char*>(config.c_str()), nullptr};
+    // Its own output goes to /dev/null: a child that outlived a crashed test would otherwise
+    // hold the test's output open.
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    const int rc = posix_spawn(&pid_, server_program, &actions, nullptr, argv, environ);
+    const bool started = access(server_program, X_OK) == 0 &&
+                         posix_spawn(&pid_, server_program, &actions, nullptr, argv, environ) == 0;
     posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) {
+    if (!started) {
         pid_ = -1;
-        error_ = "cannot start clickhouse-server";
+        error_ = std::string("cannot start ") + server_program + " (scripts/install-deps installs it)";
         return false;
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    httplib::Client client("127.0.0.1", port_);
     while (std::chrono::steady_clock::now() < deadline) {
-        auto answer = client.Get("/ping");
-        if (answer && answer->body == "Ok.\n")
+        if (query("SELECT 1") == "1\n")
             return true;
         if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
             pid_ = -1;
@@ -97,7 +95,7 @@ bool clickhouse_server_t::start()
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    error_ = "clickhouse-server did not answer /ping within 20 s";
+    error_ = "clickhouse-server did not answer within 20 s";
     kill();
     return false;
 }
@@ -118,11 +116,10 @@ std::string clickhouse_server_t::uri(const std::string& database) const
 
 std::string clickhouse_server_t::query(const std::string& statement) const
 {
-    httplib::Client client("127.0.0.1", port_);
-    auto answer = client.Post("/", statement, "text/plain");
-    if (!answer)
-        return "ERROR no answer";
-    return answer->status == 200 ? answer->body : "ERROR " + answer->body;
+    std::string result;
+    const auto ran = usemeter_collector::clickhouse_http_t("http://127.0.0.1:" + std::to_string(port_))
+                         .run(statement, "", &result);
+    return ran ? result : "ERROR " + ran.error;
 }
 
 }  // namespace usemeter_test

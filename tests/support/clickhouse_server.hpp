@@ -18,15 +18,12 @@ public:
     clickhouse_server_t();
     // Kills a running server.
     ~clickhouse_server_t();
-    clickhouse_server_t(const clickhouse_server_t&) = delete;
-    clickhouse_server_t& operator=(const clickhouse_server_t&) = delete;
 
-    // Starts the server and waits until it answers /ping; false (why in error()) when the
-    // server is not installed or does not come up within 20 s.
+    // Starts the server and waits until it answers; false (why in error()) when the server
+    // is not installed or does not come up within 20 s.
     bool start();
     // Signals the server and waits for it to end.
     void kill(int signal = SIGKILL);
-    bool running() const { return pid_ > 0; }
 
     int port() const { return port_; }
     std::string uri(const std::string& database) const;  // as the collector's --store

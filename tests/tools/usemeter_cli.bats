@@ -70,6 +70,13 @@ the required argument for option '--product' is missing|status --product
 --durability must be normal or full|collector --durability maybe
 --listen needs a numeric ADDR:PORT|collector --listen localhost:8080
 --since must be a day YYYY-MM-DD|collector export --store sqlite:x --since 2026-13-01
+--since must be a day YYYY-MM-DD, not '2026-02-30'|stats active --since 2026-02-30
+--since 2026-03-10 is after until 2026-03-01|stats active --since 2026-03-10 --until 2026-03-01
+no report named 'nothing'|stats nothing
+--format must be table, csv or json|stats active --format xml
+--top must be a whole number|stats active --top x1
+name one report|stats active systems
+name one report|stats
 TABLE
 }
 
@@ -118,7 +125,7 @@ TABLE
   teardown
   run um collector export --store "sqlite:$HOME/hits.db" --since 2000-01-01
   [[ ${lines[0]} == received,tid,cid,an,av,cd1,cd2,cd3,ec,el && ${#lines[@]} == 3 ]]
-  [[ ${lines[1]} == *,3.2.1,*,gui,open.file && ${lines[2]} == *,run,build ]]
+  [[ ${lines[1]} == *,UA-12345678-42,*,trovix,3.2.1,posix,*,gui,open.file && ${lines[2]} == *,run,build ]]
   cid=$(cut -d, -f3 <<<"${lines[1]}")
   run um collector erase --store "sqlite:$HOME/hits.db" --cid "$cid"
   [[ $output == "erased 2 hits" ]]
