@@ -2,12 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <sys/time.h>
 
-#include <boost/filesystem.hpp>
 
 #include "host_facts_detail.hpp"
 #include "support/temp_home.hpp"
@@ -158,11 +156,6 @@ TEST(datetime, now_and_file_time_are_utc_whatever_the_time_zone)
     EXPECT_FALSE(datetime_t::file_time(dir / "missing").is_valid());
 }
 
-std::ptrdiff_t count_entries(const std::string& dir)
-{
-    return std::distance(boost::filesystem::directory_iterator(dir), {});
-}
-
 TEST(filelock, an_empty_file_beside_the_guarded_one_that_only_its_holder_removes)
 {
     temp_dir_t dir;
@@ -170,7 +163,7 @@ TEST(filelock, an_empty_file_beside_the_guarded_one_that_only_its_holder_removes
     filelock_t first(guarded);
     auto second = std::make_unique<filelock_t>(guarded);
     EXPECT_FALSE(file_exists(lock_file));  // construction touches nothing
-    const std::ptrdiff_t descriptors = count_entries("/proc/self/fd");
+    const long descriptors = count_entries("/proc/self/fd");
     ASSERT_TRUE(first.lock());
     EXPECT_TRUE(first.lock());  // taking a held lock again is harmless
     EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);

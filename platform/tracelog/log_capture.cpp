@@ -73,6 +73,13 @@ bool log_capture_t::contains(const std::string& message) const
     return std::find(all.begin(), all.end(), message) != all.end();
 }
 
+bool log_capture_t::contains_start(const std::string& start) const
+{
+    const std::vector<std::string> all = messages(true);
+    return std::any_of(all.begin(), all.end(),
+                       [&](const std::string& message) { return message.rfind(start, 0) == 0; });
+}
+
 void log_capture_t::clear()
 {
     std::lock_guard<std::mutex> guard(recorder().mutex);

@@ -33,6 +33,8 @@ public:
     // Messages in order; without the ENTER/EXIT scope lines unless asked for.
     std::vector<std::string> messages(bool with_traces = false) const;
     bool contains(const std::string& message) const;
+    // Whether a message starts with start: ERROR records end in ", at file: ...".
+    bool contains_start(const std::string& start) const;
     void clear();
 
 private:

@@ -82,54 +82,24 @@ const std::vector<uc::hit_t> known_hits = {
     hit("2026-03-16", "A", "1.10", "Debian 12", "y", "script", ""),
 };
 
-// The numbers as CSV; whole answers in the other formats for null and empty labels, the
-// weekly trend (one hit each side of a Monday) and the newest version.
-const std::pair<const char*, const char*> known_answers[] = {
-    {"active --product trovix --since 2026-03-10 --until 2026-03-16 --format csv",
-     "day,dau,wau,mau,new,active_share\n2026-03-10,2,2,3,1,0.5\n2026-03-11,0,2,3,0,0.0\n"
-     "2026-03-12,3,4,5,2,0.3333\n2026-03-13,0,4,5,0,0.0\n2026-03-14,1,5,6,1,1.0\n"
-     "2026-03-15,0,5,6,0,0.0\n2026-03-16,1,5,6,0,1.0\n"},
-    {"active --since 2026-03-10 --until 2026-03-10 --format csv",
-     "day,dau,wau,mau,new,active_share\n2026-03-10,3,3,4,2,0.6667\n"},
-    {"active --product trovix --version 1.10 --since 2026-03-16 --until 2026-03-16 --format csv",
-     "day,dau,wau,mau,new,active_share\n2026-03-16,1,3,3,0,1.0\n"},
-    {"features --product trovix --since 2026-03-10 --until 2026-03-16 --format csv",
-     "category,label,hits,users\nrun,,5,3\nrun,collect,3,2\nrun,analyze,2,1\nimport,,2,1\n"
-     "import,csv,2,1\nscript,,1,1\nscript,\"\",1,1\nview,,1,1\nview,graph,1,1\n"},
-    {"features --product trovix --top 2 --since 2026-03-12 --until 2026-03-16 --format csv",
-     "category,label,hits,users\nimport,,2,1\nimport,csv,2,1\nrun,,2,2\nrun,analyze,1,1\n"
-     "run,collect,1,1\n"},
-    {"versions --product trovix --since 2026-03-10 --until 2026-03-16 --format csv",
-     "day,version,users\n2026-03-10,1.9,2\n2026-03-12,1.9,2\n2026-03-12,1.10,1\n"
-     "2026-03-14,1.10,1\n2026-03-16,1.10,1\n"},
-    {"systems --since 2026-03-10 --until 2026-03-16 --format csv",
-     "system,users\nDebian 12,4\nFedora 40,2\n"},
-    {"features --product trovix --since 2026-03-14 --until 2026-03-16 --format json",
-     R"({"features":[{"category":"import","hits":2,"label":null,"users":1},)"
-     R"({"category":"import","hits":2,"label":"csv","users":1},)"
-     R"({"category":"script","hits":1,"label":null,"users":1},)"
-     R"({"category":"script","hits":1,"label":"","users":1}],)"
-     R"("trend":[{"category":"import","hits":2,"week":"2026-03-09"},)"
-     R"({"category":"import","hits":0,"week":"2026-03-16"},{"category":"script","hits":0,)"
-     R"("week":"2026-03-09"},{"category":"script","hits":1,"week":"2026-03-16"}]})" "\n"},
-    {"features --product trovix --since 2026-03-14 --until 2026-03-16",
-     "category  label  hits  users\nimport    (all)     2      1\nimport    csv       2      1\n"
-     "script    (all)     1      1\nscript              1      1\n"},
-    {"versions --product trovix --since 2026-03-10 --until 2026-03-12 --format json",
-     R"({"newest":{"dau":3,"day":"2026-03-12","share":0.3333,"users":1,"version":"1.10"},)"
-     R"("versions":[{"day":"2026-03-10","users":2,"version":"1.9"},)"
-     R"({"day":"2026-03-12","users":2,"version":"1.9"},)"
-     R"({"day":"2026-03-12","users":1,"version":"1.10"}]})" "\n"},
-    {"versions --product trovix --since 2026-03-10 --until 2026-03-12",
-     "day         version  users\n2026-03-10  1.9          2\n2026-03-12  1.9          2\n"
-     "2026-03-12  1.10         1\nnewest version 1.10 on 2026-03-12: 1 of 3 users (0.3333)\n"},
-};
-
+// tests/data/known_reports.txt holds, after each "$ arguments" line, the command's whole
+// answer: the numbers as CSV, and whole answers in the other formats for null and empty
+// labels, the weekly trend (one hit each side of a Monday) and the newest version.
 TEST_F(reports_test, known_hits_give_known_numbers_in_every_format)
 {
     store(known_hits);
-    for (const auto& [arguments, answer] : known_answers) {
-        const std::string command = std::string("stats ") + arguments + " --store " + store_uri();
+    const std::string path = USEMETER_TEST_SOURCE_DIR "/data/known_reports.txt";
+    std::istringstream cases(usemeter_test::read_file(path));
+    std::vector<std::pair<std::string, std::string>> answers;
+    for (std::string line; std::getline(cases, line);) {
+        if (line.rfind("$ ", 0) == 0)
+            answers.emplace_back(line.substr(2), "");
+        else
+            answers.back().second += line + "\n";
+    }
+    ASSERT_EQ(answers.size(), 11u);
+    for (const auto& [arguments, answer] : answers) {
+        const std::string command = "stats " + arguments + " --store " + store_uri();
         EXPECT_EQ(run_tool(command).out, answer) << arguments;
     }
     EXPECT_EQ(run_tool("stats active --store sqlite:" + home_ / "none.db").status, 1);

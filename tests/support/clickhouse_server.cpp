@@ -33,32 +33,22 @@ int free_loopback_port()
     return bound ? ntohs(address.sin_port) : 0;
 }
 
-// Logs to files only; on SIGTERM the server waits for idle kept-alive connections, so a 1 s
-// keep-alive keeps a stop short.
-std::string config_xml(const std::string& dir, int port)
+// tests/data's configuration with the directory and port filled in.
+std::string config(const std::string& name, const std::string& dir, int port)
 {
-    std::string xml = "<yandex><logger><level>warning</level><log>" + dir + "/log/server.log</log><errorlog>" +
-                      dir + "/log/err.log</errorlog><console>0</console></logger><http_port>" +
-                      std::to_string(port) + "</http_port><listen_host>127.0.0.1</listen_host>"
-                      "<keep_alive_timeout>1</keep_alive_timeout><users_config>" + dir + "/users.xml"
-                      "</users_config><default_profile>default</default_profile><default_database>default"
-                      "</default_database><mark_cache_size>5368709</mark_cache_size>";
-    for (const std::string tag : {"path", "tmp_path", "user_files_path", "format_schema_path"})
-        xml += "<" + tag + ">" + dir + "/" + tag + "/</" + tag + ">";
-    return xml + "</yandex>";
+    std::string text = read_file(USEMETER_TEST_SOURCE_DIR "/data/" + name);
+    for (std::size_t at; (at = text.find("@DIR@")) != std::string::npos;)
+        text.replace(at, 5, dir);
+    const std::size_t at = text.find("@PORT@");
+    return at == std::string::npos ? text : text.replace(at, 6, std::to_string(port));
 }
-
-const char* const users_xml =
-    "<yandex><profiles><default/></profiles><users><default><password></password><networks>"
-    "<ip>127.0.0.1</ip><ip>::1</ip></networks><profile>default</profile><quota>default</quota>"
-    "</default></users><quotas><default/></quotas></yandex>";
 
 }  // namespace
 
 clickhouse_server_t::clickhouse_server_t() : port_(free_loopback_port())
 {
-    write_file(dir_ / "config.xml", config_xml(dir_.path(), port_));
-    write_file(dir_ / "users.xml", users_xml);
+    for (const std::string name : {"config.xml", "users.xml"})
+        write_file(dir_ / name, config("clickhouse-" + name, dir_.path(), port_));
 }
 
 clickhouse_server_t::~clickhouse_server_t()

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 
@@ -65,6 +66,11 @@ bool file_exists(const std::string& path)
 void make_dirs(const std::string& path)
 {
     boost::filesystem::create_directories(path);
+}
+
+long count_entries(const std::string& dir)
+{
+    return std::distance(boost::filesystem::directory_iterator(dir), {});
 }
 
 }  // namespace usemeter_test

@@ -52,6 +52,7 @@ std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
 bool file_exists(const std::string& path);  // also for dangling links
 void make_dirs(const std::string& path);
+long count_entries(const std::string& dir);  // of a directory, "." and ".." not counted
 
 }  // namespace usemeter_test
 
