@@ -160,9 +160,8 @@ TEST_F(clickhouse_test, full_spool_refuses_with_one_record_and_a_metric_until_th
     EXPECT_NE(metrics.find("\nusemeter_spool_refused_hits_total 2\n"), std::string::npos) << metrics;
     EXPECT_EQ(client.Get("/healthz")->status, 503);
     const auto messages = log.messages();
-    EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
-                            [](const std::string& m) { return m.find("the spool is full") != std::string::npos; }),
-              1);
+    const auto full = [](const std::string& m) { return m.find("the spool is full") != std::string::npos; };
+    EXPECT_EQ(std::count_if(messages.begin(), messages.end(), full), 1);
 
     ASSERT_TRUE(start_server()) << server.error();
     ASSERT_TRUE(eventually([&] { return options.store_instance->backlog() == 0; }));

@@ -40,10 +40,14 @@ std::size_t rows_of(store_t& store)
 struct failing_store_t : store_t {
     std::unique_ptr<store_t> real;
     std::atomic<bool> failing{false};
-    outcome_t append(const std::vector<hit_t>& h) override { return failing ? outcome_t::failure("disk full") : real->append(h); }
-    outcome_t export_csv(std::ostream& o, const std::string& s, const std::string& u) override { return real->export_csv(o, s, u); }
-    outcome_t erase_client(const std::string& c, std::int64_t& n) override { return real->erase_client(c, n); }
-    outcome_t erase_before(const std::string& d, std::int64_t& n) override { return real->erase_before(d, n); }
+    outcome_t append(const std::vector<hit_t>& h) override
+    { return failing ? outcome_t::failure("disk full") : real->append(h); }
+    outcome_t export_csv(std::ostream& o, const std::string& s, const std::string& u) override
+    { return real->export_csv(o, s, u); }
+    outcome_t erase_client(const std::string& c, std::int64_t& n) override
+    { return real->erase_client(c, n); }
+    outcome_t erase_before(const std::string& d, std::int64_t& n) override
+    { return real->erase_before(d, n); }
 };
 
 class collector_test : public ::testing::Test {
@@ -133,7 +137,9 @@ TEST_F(collector_test, retention_and_erasure_keep_the_rollups_true)
     std::string error;
     auto sqlite = open_store(store_uri, durability_t::normal, error);
     const std::int64_t day = 86400, t0 = 20000 * day;  // 2024-10-04
-    auto hit = [](std::int64_t at, const char* cid) { return hit_t{at, "UA-1", cid, "p", "1", "", "", "y", "gui", "x,\"y\""}; };
+    auto hit = [](std::int64_t at, const char* cid) {
+        return hit_t{at, "UA-1", cid, "p", "1", "", "", "y", "gui", "x,\"y\""};
+    };
     ASSERT_TRUE(sqlite->append({hit(t0, "a"), hit(t0 + 2 * day, "a"), hit(t0, "b"), hit(t0 + 2 * day, "b")}));
     std::int64_t erased = 0;
     ASSERT_TRUE(sqlite->erase_before(utc_day(t0 + day), erased));

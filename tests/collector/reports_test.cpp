@@ -217,7 +217,8 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
         EXPECT_EQ(console, "");
         EXPECT_NE(dom.find("data-state=\"ready\""), std::string::npos) << dom.substr(0, 2000);
         EXPECT_EQ(dom.find("data-problems"), std::string::npos);
-        for (const char* chart : {"chart-active", "chart-new", "chart-features", "chart-trend", "chart-versions", "chart-systems"}) {
+        for (const char* chart : {"chart-active", "chart-new", "chart-features", "chart-trend",
+                                  "chart-versions", "chart-systems"}) {
             EXPECT_EQ(attribute_of(dom, chart, "data-painted"), "yes") << chart;
             EXPECT_NE(attribute_of(dom, chart, "data-points"), "0") << chart;
         }
