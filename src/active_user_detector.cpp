@@ -45,8 +45,10 @@ bool getVariantInt(const basekit::variant_bag_t& bag, const char* name, int* out
     return true;
 }
 
+// Without a directory (the per-user directories could not be prepared) the history lives in
+// memory only: an empty path would otherwise put the file into the host's working directory.
 active_user_detector_t::active_user_detector_t(const boost::filesystem::path& dir)
-    : file_path((dir / "last_active_dates.xml").string()), dirty(false)
+    : file_path(dir.empty() ? std::string() : (dir / "last_active_dates.xml").string()), dirty(false)
 {
     load();
 }
@@ -59,6 +61,8 @@ active_user_detector_t::~active_user_detector_t()
 
 bool active_user_detector_t::load()
 {
+    if (file_path.empty())
+        return false;
     filelock_t lock(file_path);
     for (int attempt = 0; attempt < load_lock_attempts; ++attempt) {
         if (lock.lock())
@@ -85,6 +89,8 @@ bool active_user_detector_t::save()
 {
     if (dates.empty())
         return false;
+    if (file_path.empty())
+        return true;
 
     basekit::variant_bag_t bag;
     for (const date_t& date : dates) {

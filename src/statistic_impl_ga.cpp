@@ -37,7 +37,7 @@ const char* statistic_impl_ga_t::ga_url = USEMETER_COLLECTOR_URL;
 statistic_impl_ga_t::statistic_impl_ga_t(const std::string& product_name,
                                          const std::string& product_version)
     : statistic_impl_t(product_name, product_version),
-      active_user_detector(settings_dir_),
+      active_user_detector(has_user_directories() ? settings_dir_ : boost::filesystem::path()),
       connector(ga_url),
       tracking_id(measurement_tracking_id),
       ready(false)

@@ -192,6 +192,72 @@ TEST_F(faults, fork_child_destroys_the_inherited_backend)
     EXPECT_EQ(proxy.request_count(), 3u) << "the parent's hits, and none from the child";
 }
 
+// The untidy host (its own process, against the shared library) in a working directory of its
+// own; the host's output, or "status N" when the run failed.
+std::string run_untidy_host(const std::string& dir, const std::string& args,
+                            const std::string& home_var = "")
+{
+    make_dirs(dir + "/cwd");
+    const std::string out = dir + "/out";
+    const std::string line = "cd " + shell_quote(dir + "/cwd") + " && " + home_var +
+                             " timeout 60 " USEMETER_UNTIDY_HOST " " + args + " > " +
+                             shell_quote(out) + " 2>&1";
+    const int status = std::system(line.c_str());
+    return status == 0 ? read_file(out) : "status " + std::to_string(status) + ": " + read_file(out);
+}
+
+// A forked child ends through exit() in each form, with or without the host's own log4cplus
+// set-up: its exit hooks run, its buffered output arrives, its status is kept; the parent
+// still logs and delivers its hits, and the child sends none.
+TEST_F(faults, forked_children_of_a_host_exit)
+{
+    const struct { const char* args; const char* child_says; unsigned hits; } rows[] = {
+        {"trovix exit", "child output\nchild exit 7", 0},
+        {"trovix exit configured", "child output\nchild exit 7", 0},
+        {"trovix destroy", "child output\nchild exit 7", 2},
+        {"trovix destroy configured", "child output\nchild exit 7", 2},
+        {"trovix atexit", "child output hook ran\nchild exit 7", 2},
+        {"trovix atexit configured", "child output hook ran\nchild exit 7", 2},
+    };
+    for (const auto& row : rows) {
+        temp_dir_t dir;
+        const std::size_t before = proxy.request_count();
+        const std::string output = run_untidy_host(dir.path(), row.args);
+        EXPECT_NE(output.find(row.child_says), std::string::npos) << row.args << ": " << output;
+        const bool configured = std::string(row.args).find("configured") != std::string::npos;
+        EXPECT_EQ(output.find("parent still logs") != std::string::npos, configured)
+            << row.args << ": " << output;
+        EXPECT_EQ(proxy.request_count() - before, row.hits) << row.args;
+    }
+}
+
+// Without its per-user directories (a refused product name, a HOME that is a file) a host
+// writes nothing: not in its working directory, not beside HOME, not under it.
+TEST_F(faults, no_user_directories_no_file_anywhere)
+{
+    const struct { const char* product; bool home_is_file; } rows[] = {
+        {"..", false}, {"../../outside", false}, {"a/b", false}, {"/abs/olute", false},
+        {"trovix", true},
+    };
+    for (const auto& row : rows) {
+        temp_dir_t dir;
+        const std::string home_dir = dir / "home";
+        if (row.home_is_file)
+            write_file(home_dir, "not a directory");
+        else
+            make_dirs(home_dir);
+        const std::string output = run_untidy_host(dir.path(), shell_quote(row.product) + " none",
+                                                   "HOME=" + shell_quote(home_dir));
+        EXPECT_EQ(output, "") << row.product;
+        EXPECT_EQ(count_entries(dir / "cwd"), 0) << row.product;
+        EXPECT_EQ(count_entries(dir.path()), 3) << row.product << ": only cwd, home and out";
+        if (!row.home_is_file) {
+            EXPECT_EQ(count_entries(home_dir), 0) << row.product;
+        }
+    }
+    EXPECT_EQ(proxy.request_count(), 0u);
+}
+
 TEST_F(faults, privileged_host_trusts_only_safe_tools)
 {
     if (::geteuid() != 0)

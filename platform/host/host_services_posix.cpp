@@ -56,6 +56,9 @@ int host_services_t::open_file(const std::string& path, int flags, mode_t mode)
 
 bool host_services_t::replace_file(const std::string& path, const std::string& content)
 {
+    // An empty path names no file; its temporary would land in the working directory.
+    if (path.empty())
+        return false;
     std::string temp = path + ".XXXXXX";
     const int fd = ::mkostemp(&temp[0], O_CLOEXEC);  // owner-only, exclusive: no link followed
     if (fd < 0)

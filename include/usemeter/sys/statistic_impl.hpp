@@ -52,6 +52,9 @@ public:
     const std::string& consent_path() const { return optin_path_; }
     const std::string& uuid_path() const { return uuid_path_; }
     const boost::filesystem::path& settings_dir() const { return settings_dir_; }
+    // The identifier's path is set last, once every directory exists; without it the object
+    // writes no file anywhere.
+    bool has_user_directories() const { return !uuid_path_.empty(); }
     bool consults_network() const;
     // The DNS name (or numeric address) that the corporate-network test resolves.
     static const char* corporate_node_name();
