@@ -104,7 +104,8 @@ json network_section(const usemeter::statistic_impl_ga_t& statistic)
 json activity_section(const usemeter::statistic_impl_ga_t& statistic, std::string& history)
 {
     json days = json::array();
-    if (statistic.settings_dir().empty())
+    // Without its directories the library keeps no history, and reading one takes a lock file.
+    if (!statistic.has_user_directories())
         return {{"days", days}, {"active", false}};
     usemeter::active_user_detector_t detector(statistic.settings_dir());
     history = detector.path();
