@@ -165,6 +165,8 @@ struct callbacks_t {
     {
         auto* server = static_cast<http_server_t*>(self);
         auto* request = static_cast<http_server_t::request_t*>(*context);
+        if (!request)
+            return MHD_NO;
         if (!request->begun)
             return MHD_Result(server->begin(connection, *request, url, method));
         if (*size || request->answered)
