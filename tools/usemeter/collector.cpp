@@ -120,7 +120,7 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
         ("retention-days", po::value(&config.retention_days),
          "delete hits received more than N UTC days ago, at start and hourly")
         ("report-token-file", po::value(&report_token_file),
-         "first line: the token the reports need from any address but loopback")
+         "first line: the token the reports and /rejections need unless asked for as localhost over loopback")
         ("max-connections", po::value(&config.limits.max_connections)->default_value(config.limits.max_connections),
          "connections served at once; more wait to be accepted")
         ("max-connections-per-address",
