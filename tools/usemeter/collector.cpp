@@ -122,7 +122,7 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
         ("report-token-file", po::value(&report_token_file),
          "first line: the token the reports and /rejections need unless asked for as localhost over loopback")
         ("max-connections", po::value(&config.limits.max_connections)->default_value(config.limits.max_connections),
-         "connections served at once; more wait to be accepted")
+         "connections open at once; more are closed at once")
         ("max-connections-per-address",
          po::value(&config.limits.max_connections_per_address)->default_value(config.limits.max_connections_per_address),
          "connections one client address may hold at once (0: no limit)")
