@@ -246,19 +246,27 @@ outcome_t http_server_t::listen(const std::string& host, int port, bool v6)
         if (!log_file_)
             return outcome_t::failure("cannot open the access log " + log_.path + ": " + std::strerror(errno));
     }
+    if (const outcome_t bound = bind_socket(host, port, v6); !bound)
+        return bound;
+    if (!start_daemon(v6)) {
+        ::close(listen_fd_);
+        listen_fd_ = -1;
+        return outcome_t::failure("the HTTP daemon did not start");
+    }
+    sweeper_ = std::thread([this] { sweep(); });
+    return {};
+}
+
+// Bound here rather than by the library, so that a failure names its reason.
+outcome_t http_server_t::bind_socket(const std::string& host, int port, bool v6)
+{
     sockaddr_storage address{};
     socklen_t length = v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-    if (v6) {
-        auto* in6 = reinterpret_cast<sockaddr_in6*>(&address);
-        in6->sin6_family = AF_INET6;
-        in6->sin6_port = htons(static_cast<std::uint16_t>(port));
-        ::inet_pton(AF_INET6, host.c_str(), &in6->sin6_addr);
-    } else {
-        auto* in4 = reinterpret_cast<sockaddr_in*>(&address);
-        in4->sin_family = AF_INET;
-        in4->sin_port = htons(static_cast<std::uint16_t>(port));
-        ::inet_pton(AF_INET, host.c_str(), &in4->sin_addr);
-    }
+    auto* in4 = reinterpret_cast<sockaddr_in*>(&address);
+    auto* in6 = reinterpret_cast<sockaddr_in6*>(&address);
+    address.ss_family = v6 ? AF_INET6 : AF_INET;
+    (v6 ? in6->sin6_port : in4->sin_port) = htons(static_cast<std::uint16_t>(port));
+    ::inet_pton(address.ss_family, host.c_str(), v6 ? static_cast<void*>(&in6->sin6_addr) : &in4->sin_addr);
     listen_fd_ = ::socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int yes = 1;
     // SO_REUSEADDR only: SO_REUSEPORT would let a second collector share the port silently.
@@ -271,8 +279,12 @@ outcome_t http_server_t::listen(const std::string& host, int port, bool v6)
         listen_fd_ = -1;
         return outcome_t::failure(reason);
     }
-    port_ = ntohs(v6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
-                     : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
+    port_ = ntohs(v6 ? in6->sin6_port : in4->sin_port);
+    return {};
+}
+
+bool http_server_t::start_daemon(bool v6)
+{
     const unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL_INTERNAL_THREAD | MHD_USE_ITC |
                            MHD_USE_ERROR_LOG | (v6 ? MHD_USE_IPv6 : 0);
     daemon_ = MHD_start_daemon(
@@ -289,13 +301,7 @@ outcome_t http_server_t::listen(const std::string& host, int port, bool v6)
         MHD_OPTION_NOTIFY_CONNECTION, &callbacks_t::connection, this,
         MHD_OPTION_EXTERNAL_LOGGER, &callbacks_t::log, this,
         MHD_OPTION_END);
-    if (!daemon_) {
-        ::close(listen_fd_);
-        listen_fd_ = -1;
-        return outcome_t::failure("the HTTP daemon did not start");
-    }
-    sweeper_ = std::thread([this] { sweep(); });
-    return {};
+    return daemon_ != nullptr;
 }
 
 void http_server_t::stop()

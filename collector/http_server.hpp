@@ -109,6 +109,9 @@ public:
 private:
     friend struct callbacks_t;  // libmicrohttpd's entry points
 
+    outcome_t bind_socket(const std::string& host, int port, bool v6);
+    bool start_daemon(bool v6);
+
     int begin(MHD_Connection* connection, request_t& request, const char* url, const char* method);
     int receive(request_t& request, const char* data, std::size_t* size);
     int answer(MHD_Connection* connection, request_t& request, http_response_t response);
