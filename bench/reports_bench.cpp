@@ -79,7 +79,7 @@ void BM_active_endpoint(benchmark::State& state)
     options.listen = "127.0.0.1:0";
     options.store = store_uri;
     auto routes = std::make_shared<uc::report_routes_t>(store_uri, "");
-    options.mount = [routes](httplib::Server& server) { routes->mount(server); };
+    options.mount = [routes](uc::http_server_t& server) { routes->mount(server); };
     uc::collector_t collector(options);
     if (!collector.start()) {
         state.SkipWithError("the collector did not start");

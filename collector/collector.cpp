@@ -2,19 +2,17 @@
 
 #include <cstring>
 #include <iostream>
-#include <limits>
 
 #include <arpa/inet.h>
 #include <strings.h>
 
-#include <httplib.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 
 #include "commit_queue.hpp"
-#include "connections.hpp"
 #include "hit_form.hpp"
 #include "printer.hpp"
+#include "report_page.hpp"
 
 namespace usemeter_collector {
 
@@ -23,23 +21,6 @@ namespace {
 log4cplus::Logger logger()
 {
     return log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("usemeter.collector"));
-}
-
-// Bodies up to this size reach the handler, which answers 413 itself past the protocol's
-// limits; httplib refuses anything larger unread.
-const std::size_t payload_limit = 64 * 1024;
-
-// "/collect" of "http://host:port/collect?x" (a request to a proxy) or of "/collect?x".
-std::string origin_path(const std::string& target)
-{
-    std::size_t start = 0;
-    const std::size_t scheme = target.find("://");
-    if (scheme != std::string::npos) {
-        start = target.find('/', scheme + 3);
-        if (start == std::string::npos)
-            return "/";
-    }
-    return target.substr(start, target.find('?', start) - start);
 }
 
 struct endpoint_t {
@@ -66,9 +47,17 @@ bool parse_endpoint(const std::string& text, endpoint_t& endpoint)
            (endpoint.v6 || inet_pton(AF_INET, endpoint.host.c_str(), address) == 1);
 }
 
-bool is_loopback_peer(const std::string& address)
+// Control bytes and backslashes as \xNN, so that reading /rejections in a terminal is safe.
+std::string escaped_controls(const std::string& text)
 {
-    return address.compare(0, 4, "127.") == 0 || address == "::1";
+    static const char hex[] = "0123456789abcdef";
+    std::string shown;
+    for (unsigned char c : text)
+        if (c < 0x20 || c == 0x7f || c == '\\')
+            shown += std::string("\\x") + hex[c >> 4] + hex[c & 15];
+        else
+            shown += static_cast<char>(c);
+    return shown;
 }
 
 }  // namespace
@@ -88,19 +77,19 @@ std::string hit_request_t::header(const std::string& name) const
 }
 
 struct collector_t::impl_t {
-    httplib::Server server;
+    impl_t(const collector_options_t& options) : server(options.limits, options.access_log) {}
+
+    http_server_t server;
     endpoint_t endpoint;
     std::shared_ptr<store_t> store;
     std::unique_ptr<commit_queue_t> queue;
-    std::thread listener;
     std::thread retention;
     std::condition_variable retention_wake;
-    std::atomic<int> in_flight{0};
     std::mutex print_mutex;
 };
 
 collector_t::collector_t(collector_options_t options)
-    : options_(std::move(options)), impl_(new impl_t)
+    : options_(std::move(options)), impl_(new impl_t(options_))
 {
     if (options_.answer)
         answer(options_.answer);
@@ -131,9 +120,13 @@ outcome_t collector_t::start()
         return opened;
     if (options_.retention_days > 0)
         start_retention();
-    configure_server();
     add_routes();
-    return bind_and_listen();
+    const endpoint_t& endpoint = impl_->endpoint;
+    const outcome_t listening = impl_->server.listen(endpoint.host, endpoint.port, endpoint.v6);
+    if (!listening)
+        return outcome_t::failure("cannot listen on " + options_.listen + ": " + listening.error);
+    port_ = impl_->server.port();
+    return {};
 }
 
 outcome_t collector_t::open_storage()
@@ -179,94 +172,48 @@ void collector_t::start_retention()
     });
 }
 
-void collector_t::configure_server()
+void collector_t::on_post(const http_request_t& req, http_response_t& res)
 {
-    httplib::Server& server = impl_->server;
-    // httplib's default also sets SO_REUSEPORT, which would let a second collector share the
-    // port silently instead of failing to start.
-    server.set_socket_options([](socket_t sock) {
-        int yes = 1;
-        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    });
-    if (impl_->endpoint.v6)
-        server.set_address_family(AF_INET6);
-    server.set_tcp_nodelay(true);
-    server.set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
-    server.set_keep_alive_timeout(options_.keep_alive_seconds);
-    server.set_read_timeout(options_.read_timeout_seconds, 0);
-    server.set_write_timeout(options_.read_timeout_seconds, 0);
-    server.set_payload_max_length(payload_limit);
-    const std::size_t connections = options_.max_connections;
-    server.new_task_queue = [connections] { return new connection_pool_t(connections); };
+    int status = 200;
+    on_hit_request(req, status, res.reason);
+    res.drop = status < 0;
+    res.status = status;
 }
 
-void collector_t::on_post(const httplib::Request& req, httplib::Response& res)
+void collector_t::on_rejections(const http_request_t& req, http_response_t& res)
 {
-    const std::string path = origin_path(req.target);
-    if (path != "/collect" && path != "/batch") {
-        res.status = 404;
+    if (const int refused = report_access_verdict(req, options_.report_token)) {
+        res.status = refused;
+        res.reason = "no_access";
         return;
     }
-    ++impl_->in_flight;
-    int status = 200;
-    on_hit_request(path, req, status);
-    if (status < 0)
-        shut_down_connections(port_, req.remote_port);
-    res.status = status < 0 ? 500 : status;
-    --impl_->in_flight;
+    std::string text;
+    for (rejection_t reason : every_rejection())
+        for (const std::string& body : metrics_.recent_rejections(reason))
+            text += std::string(name_of(reason)) + " " + escaped_controls(body) + "\n";
+    res.set_content(text, "text/plain; charset=utf-8");
 }
 
 void collector_t::add_routes()
 {
-    httplib::Server& server = impl_->server;
-    auto on_post = [this](const httplib::Request& req, httplib::Response& res) { this->on_post(req, res); };
-    server.Post("/collect", on_post);
-    server.Post("/batch", on_post);
-    server.Get("/(collect|batch)", [](const httplib::Request&, httplib::Response& res) {
-        res.status = 405;
-        res.set_header("Allow", "POST");
-    });
-    server.Get("/healthz", [this](const httplib::Request&, httplib::Response& res) {
+    http_server_t& server = impl_->server;
+    auto on_post = [this](const http_request_t& req, http_response_t& res) { this->on_post(req, res); };
+    // A proxy's requests name an absolute URL; only the hit endpoints serve them.
+    server.route({"POST", "/collect", on_post, hit_body_limit, false, true});
+    server.route({"POST", "/batch", on_post, batch_body_limit, false, true});
+    server.route({"GET", "/healthz", [this](const http_request_t&, http_response_t& res) {
         res.status = healthy_ ? 200 : 503;
         res.set_content(healthy_ ? "ok\n" : "the store cannot commit\n", "text/plain");
-    });
-    server.Get("/metrics", [this](const httplib::Request&, httplib::Response& res) {
+    }});
+    server.route({"GET", "/metrics", [this](const http_request_t&, http_response_t& res) {
         res.set_content(metrics_.prometheus_text(impl_->queue->depth()) + impl_->store->metrics_text(),
                         "text/plain; version=0.0.4");
-    });
-    server.Get("/rejections", [this](const httplib::Request& req, httplib::Response& res) {
-        if (!is_loopback_peer(req.remote_addr)) {
-            res.status = 403;
-            return;
-        }
-        std::string text;
-        for (rejection_t reason : every_rejection())
-            for (const std::string& body : metrics_.recent_rejections(reason))
-                text += std::string(name_of(reason)) + " " + body + "\n";
-        res.set_content(text, "text/plain");
-    });
+    }});
+    server.route({"GET", "/rejections", [this](const http_request_t& req, http_response_t& res) {
+        on_rejections(req, res);
+    }});
     if (options_.mount)
         options_.mount(server);
-    // Requests to a proxy name an absolute URL; only /collect and /batch are hits there.
-    server.Post("https?://.*", on_post);
-}
-
-outcome_t collector_t::bind_and_listen()
-{
-    httplib::Server& server = impl_->server;
-    const endpoint_t& endpoint = impl_->endpoint;
-    errno = 0;
-    port_ = endpoint.port == 0 ? server.bind_to_any_port(endpoint.host)
-                               : (server.bind_to_port(endpoint.host, endpoint.port) ? endpoint.port : -1);
-    if (port_ < 0) {
-        const std::string reason = errno ? std::strerror(errno) : "bind failed";
-        return outcome_t::failure("cannot listen on " + options_.listen + ": " + reason);
-    }
-    impl_->listener = std::thread([this] { impl_->server.listen_after_bind(); });
-    // stop() does nothing to a server that has not begun listening yet.
-    while (!server.is_running())
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return {};
 }
 
 void collector_t::stop()
@@ -280,15 +227,7 @@ void collector_t::stop()
     }
     mode_changed_.notify_all();
     impl_->retention_wake.notify_all();
-    if (impl_->listener.joinable()) {
-        impl_->server.stop();
-        // Requests in progress finish, their commits included; idle kept-alive connections
-        // would otherwise hold their threads until the keep-alive time-out.
-        while (impl_->in_flight > 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        shut_down_connections(port_, -1);
-        impl_->listener.join();
-    }
+    impl_->server.stop();
     if (impl_->retention.joinable())
         impl_->retention.join();
     if (impl_->queue)
@@ -342,7 +281,7 @@ void collector_t::set_mode(mode_t mode, int status, std::chrono::milliseconds de
 }
 
 // status: the answer, or -1 to reset the connection.
-void collector_t::on_hit_request(const std::string& path, const httplib::Request& req, int& status)
+void collector_t::on_hit_request(const http_request_t& req, int& status, std::string& reason)
 {
     const std::size_t number = ++hit_requests_;
     observer_t observer;
@@ -352,7 +291,7 @@ void collector_t::on_hit_request(const std::string& path, const httplib::Request
     }
     // Copied only for someone who looks: the common path stays free of it.
     if (observer || options_.print) {
-        const hit_request_t request{req.method, req.target, {req.headers.begin(), req.headers.end()}, req.body};
+        const hit_request_t request{req.method, req.target, req.headers, req.body};
         if (observer)
             observer(request);
         if (options_.print) {
@@ -367,7 +306,7 @@ void collector_t::on_hit_request(const std::string& path, const httplib::Request
         status = -1;
         return;
     default:
-        status = ingest(path, req.body);
+        status = ingest(req.path, req.body, reason);
     }
 }
 
@@ -388,21 +327,25 @@ collector_t::mode_t collector_t::wait_out_hold(int& status)
     return mode_ == mode_t::hold ? mode_t::store : mode_;
 }
 
-int collector_t::ingest(const std::string& path, const std::string& body)
+int collector_t::ingest(const std::string& path, const std::string& body, std::string& reason)
 {
-    if (const int refused = size_verdict(path, body))
+    if (const int refused = size_verdict(path, body)) {
+        reason = "body_too_large";
         return refused;
+    }
     const std::int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
                                  std::chrono::system_clock::now().time_since_epoch())
                                  .count();
     std::vector<hit_t> hits;
     for (const std::string& line : path == "/batch" ? batch_lines(body) : std::vector<std::string>{body}) {
         hit_t hit;
-        const rejection_t reason = read_hit(line, now, hit);
-        if (reason == rejection_t::none)
+        const rejection_t rejected = read_hit(line, now, hit);
+        if (rejected == rejection_t::none) {
             hits.push_back(std::move(hit));
-        else
-            metrics_.count_rejected(reason, line);
+        } else {
+            metrics_.count_rejected(rejected, line);
+            reason = name_of(rejected);
+        }
     }
     return commit(std::move(hits));
 }

@@ -3,10 +3,10 @@
 // test suite as a loopback endpoint and proxy with fault modes (answer a status, hold,
 // reset the connection) and an observer that sees every hit request as it arrived.
 //
-// Threads: one listener, one thread per admitted connection (connection_pool_t), one store
-// writer (commit_queue_t), one retention timer. mutex_ guards the fault mode and the observer;
-// the counters are metrics_t's own. stop() stops accepting, lets requests in progress finish
-// (their commits included), closes idle kept-alive connections and joins every thread.
+// Threads: the HTTP layer's (http_server_t: one per connection), one store writer
+// (commit_queue_t), one retention timer. mutex_ guards the fault mode and the observer; the
+// counters are metrics_t's own. stop() stops accepting, lets requests in progress finish
+// (their commits included), closes the remaining connections and joins every thread.
 #ifndef USEMETER_COLLECTOR_COLLECTOR_HPP
 #define USEMETER_COLLECTOR_COLLECTOR_HPP
 
@@ -23,14 +23,9 @@
 #include <vector>
 
 #include "hit.hpp"
+#include "http_server.hpp"
 #include "metrics.hpp"
 #include "store.hpp"
-
-namespace httplib {
-class Server;
-struct Request;
-struct Response;
-}
 
 namespace usemeter_collector {
 
@@ -61,13 +56,15 @@ struct collector_options_t {
     // Non-zero: hits received more than this many UTC days before today are deleted at start
     // and then hourly.
     int retention_days = 0;
-    std::size_t max_connections = 64;
-    int read_timeout_seconds = 5;
-    int keep_alive_seconds = 5;
+    // Connections, header deadline, idle time-out; and the access log (off by default).
+    http_limits_t limits;
+    access_log_t access_log;
+    // The first line of --report-token-file: what /rejections needs, as the reports do.
+    std::string report_token;
     // Used instead of opening `store` when set (tests give a store that fails on demand).
     std::shared_ptr<store_t> store_instance;
     // Called once before listening, to add routes (the reports mount theirs here).
-    std::function<void(httplib::Server&)> mount;
+    std::function<void(http_server_t&)> mount;
 };
 
 // True for a numeric "ADDR:PORT" or "[ADDR6]:PORT" that --listen accepts.
@@ -123,13 +120,12 @@ private:
     outcome_t open_storage();
     void on_commit(const outcome_t& outcome, std::size_t hits, double seconds);
     void start_retention();
-    void configure_server();
     void add_routes();
-    outcome_t bind_and_listen();
-    void on_post(const httplib::Request& req, httplib::Response& res);
-    void on_hit_request(const std::string& path, const httplib::Request& req, int& status);
+    void on_post(const http_request_t& req, http_response_t& res);
+    void on_rejections(const http_request_t& req, http_response_t& res);
+    void on_hit_request(const http_request_t& req, int& status, std::string& reason);
     mode_t wait_out_hold(int& status);
-    int ingest(const std::string& path, const std::string& body);
+    int ingest(const std::string& path, const std::string& body, std::string& reason);
     static int size_verdict(const std::string& path, const std::string& body);
     int commit(std::vector<hit_t> hits);
     void run_retention();

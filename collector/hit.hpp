@@ -35,6 +35,8 @@ bool is_day(const std::string& text);
 // received time (utc_timestamp) and the nine fields, each written by write_csv_field.
 extern const char* const export_csv_header;
 void write_csv_field(std::ostream& out, const std::string& field);
+// A cell a spreadsheet would run as a formula (=, +, -, @, tab, CR first) gets a leading '.
+std::string spreadsheet_safe(const std::string& text);
 
 }  // namespace usemeter_collector
 

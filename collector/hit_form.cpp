@@ -2,8 +2,6 @@
 
 #include <map>
 
-#include <httplib.h>
-
 namespace usemeter_collector {
 
 namespace {
@@ -27,13 +25,76 @@ std::size_t limit_of(const std::string& key)
         return 150;
     if (key == "el" || key == "ea")
         return 500;
+    if (key == "cid" || key == "tid")
+        return 150;
     if (key.size() > 2 && key.compare(0, 2, "cd") == 0 &&
         key.find_first_not_of("0123456789", 2) == std::string::npos)
         return 150;
     return 0;
 }
 
+int hex_digit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// Form decoding: '+' is a space, %XX a byte; a '%' without two hex digits stays as it is.
+std::string decode_component(const std::string& text)
+{
+    std::string decoded;
+    decoded.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const int high = text[i] == '%' && i + 2 < text.size() ? hex_digit(text[i + 1]) : -1;
+        const int low = high >= 0 ? hex_digit(text[i + 2]) : -1;
+        if (low >= 0) {
+            decoded += static_cast<char>(high * 16 + low);
+            i += 2;
+        } else {
+            decoded += text[i] == '+' ? ' ' : text[i];
+        }
+    }
+    return decoded;
+}
+
+// The sequence length of a UTF-8 lead byte whose continuation bytes are all there, or 0.
+std::size_t utf8_sequence(const std::string& text, std::size_t at)
+{
+    const unsigned char lead = static_cast<unsigned char>(text[at]);
+    if (lead < 0x80)
+        return 1;
+    const std::size_t length = lead >= 0xc2 && lead <= 0xdf ? 2 : lead >= 0xe0 && lead <= 0xef ? 3
+                             : lead >= 0xf0 && lead <= 0xf4 ? 4 : 0;
+    if (length == 0 || at + length > text.size())
+        return 0;
+    for (std::size_t i = 1; i < length; ++i)
+        if ((static_cast<unsigned char>(text[at + i]) & 0xc0) != 0x80)
+            return 0;
+    const unsigned char second = static_cast<unsigned char>(text[at + 1]);
+    // Overlong forms, UTF-16 surrogates and code points past U+10FFFF.
+    if ((lead == 0xe0 && second < 0xa0) || (lead == 0xed && second > 0x9f) || (lead == 0xf0 && second < 0x90) ||
+        (lead == 0xf4 && second > 0x8f))
+        return 0;
+    return length;
+}
+
 }  // namespace
+
+bool is_utf8(const std::string& text)
+{
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t length = utf8_sequence(text, at);
+        if (length == 0)
+            return false;
+        at += length;
+    }
+    return true;
+}
 
 const char* name_of(rejection_t reason)
 {
@@ -46,6 +107,7 @@ const char* name_of(rejection_t reason)
     case rejection_t::missing_category: return "missing_category";
     case rejection_t::too_long: return "too_long";
     case rejection_t::unsupported_type: return "unsupported_type";
+    case rejection_t::bad_encoding: return "bad_encoding";
     }
     return "unknown";
 }
@@ -55,7 +117,7 @@ const std::vector<rejection_t>& every_rejection()
     static const std::vector<rejection_t> reasons = {
         rejection_t::bad_version,      rejection_t::missing_tid, rejection_t::missing_cid,
         rejection_t::bad_type,         rejection_t::missing_category, rejection_t::too_long,
-        rejection_t::unsupported_type};
+        rejection_t::unsupported_type, rejection_t::bad_encoding};
     return reasons;
 }
 
@@ -70,10 +132,9 @@ std::vector<std::pair<std::string, std::string>> decode_form(const std::string& 
         const std::string pair = body.substr(start, end - start);
         const std::size_t equals = pair.find('=');
         if (!pair.empty())
-            pairs.emplace_back(
-                httplib::detail::decode_url(pair.substr(0, equals), true),
-                equals == std::string::npos ? std::string()
-                                            : httplib::detail::decode_url(pair.substr(equals + 1), true));
+            pairs.emplace_back(decode_component(pair.substr(0, equals)),
+                               equals == std::string::npos ? std::string()
+                                                           : decode_component(pair.substr(equals + 1)));
         start = end + 1;
     }
     return pairs;
@@ -101,8 +162,13 @@ rejection_t read_hit(const std::string& body, std::int64_t received, hit_t& hit)
         return rejection_t::missing_category;
     if (type != "event")
         return rejection_t::unsupported_type;
-    hit = hit_t{received,        fields["tid"], fields["cid"], fields["an"], fields["av"],
-                fields["cd1"], fields["cd2"], fields["cd3"], fields["ec"], fields["el"]};
+    hit_t read{received,        fields["tid"], fields["cid"], fields["an"], fields["av"],
+               fields["cd1"], fields["cd2"], fields["cd3"], fields["ec"], fields["el"]};
+    for (const std::string* field : {&read.tid, &read.cid, &read.an, &read.av, &read.cd1, &read.cd2, &read.cd3,
+                                     &read.ec, &read.el})
+        if (!is_utf8(*field))
+            return rejection_t::bad_encoding;
+    hit = std::move(read);
     return rejection_t::none;
 }
 

@@ -28,9 +28,12 @@ enum class rejection_t {
     missing_category,  // an event without ec
     too_long,          // a field over its documented limit
     unsupported_type,
+    bad_encoding,      // a stored field that is not valid UTF-8
 };
 const char* name_of(rejection_t reason);
 const std::vector<rejection_t>& every_rejection();
+
+bool is_utf8(const std::string& text);
 
 // The decoded key/value pairs in body order.
 std::vector<std::pair<std::string, std::string>> decode_form(const std::string& body);

@@ -53,7 +53,7 @@ std::string csv_cell(const json& value)
         return "";
     if (!value.is_string())
         return value.dump();
-    const std::string text = value.get<std::string>();
+    const std::string text = spreadsheet_safe(value.get<std::string>());
     if (!text.empty() && text.find_first_of(",\"\r\n") == std::string::npos)
         return text;
     std::string quoted = "\"";
@@ -192,7 +192,7 @@ std::string format_report(const report_t& report, report_format_t format)
     case report_format_t::json:
         break;
     }
-    return report_json(report).dump() + "\n";
+    return report_json(report).dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace usemeter_collector

@@ -3,7 +3,8 @@
 #include <fstream>
 #include <sstream>
 
-#include <httplib.h>
+#include <strings.h>
+
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 
@@ -62,6 +63,17 @@ std::string script_safe(std::string text)
     return text;
 }
 
+// JSON inside <script>: no <, > or & at all (a label "<!--<script>" would otherwise change how
+// the page parses). Outside strings JSON has none of them, so every one is in a string.
+std::string json_in_html(const nlohmann::json& data)
+{
+    const std::string text = data.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    std::string safe;
+    for (char c : text)
+        safe += c == '<' ? "\\u003c" : c == '>' ? "\\u003e" : c == '&' ? "\\u0026" : std::string(1, c);
+    return safe;
+}
+
 outcome_t all_reports(report_source_t& source, const report_query_t& query, nlohmann::json& data)
 {
     data = {{"scope", {{"product", query.product}, {"version", query.version}}}};
@@ -74,10 +86,18 @@ outcome_t all_reports(report_source_t& source, const report_query_t& query, nloh
     return {};
 }
 
-bool is_loopback(const std::string& address)
+// The Host header's name without its port: "127.0.0.1", "[::1]", "localhost".
+std::string host_name(const std::string& host)
 {
-    return address.compare(0, 4, "127.") == 0 || address == "::1" ||
-           address.compare(0, 11, "::ffff:127.") == 0;
+    if (!host.empty() && host[0] == '[')
+        return host.substr(0, host.find(']') + 1);
+    return host.substr(0, host.find(':'));
+}
+
+bool names_loopback(const std::string& host)
+{
+    const std::string name = host_name(host);
+    return name == "127.0.0.1" || name == "[::1]" || ::strcasecmp(name.c_str(), "localhost") == 0;
 }
 
 // Every byte compared, so the time taken tells nothing about the token.
@@ -91,7 +111,7 @@ bool same_secret(const std::string& given, const std::string& expected)
     return difference == 0;
 }
 
-void set_security_headers(httplib::Response& response)
+void set_security_headers(http_response_t& response)
 {
     response.set_header("Content-Security-Policy", served_policy);
     response.set_header("X-Content-Type-Options", "nosniff");
@@ -99,20 +119,22 @@ void set_security_headers(httplib::Response& response)
     response.set_header("Cache-Control", "no-store");
 }
 
-void answer_error(httplib::Response& response, int status, const std::string& why)
+void answer_error(http_response_t& response, int status, const std::string& why)
 {
     response.status = status;
-    response.set_content(nlohmann::json{{"error", why}}.dump() + "\n", "application/json");
+    response.set_content(nlohmann::json{{"error", why}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
+                         "application/json");
 }
 
 }  // namespace
 
-bool report_access_allowed(const std::string& remote_addr, const std::string& authorization,
-                           const std::string& token)
+int report_access_verdict(const http_request_t& request, const std::string& token)
 {
-    if (is_loopback(remote_addr))
-        return true;
-    return !token.empty() && same_secret(authorization, "Bearer " + token);
+    if (is_loopback_address(request.remote_addr) && names_loopback(request.header("Host")))
+        return 0;
+    if (token.empty())
+        return 403;
+    return same_secret(request.header("Authorization"), "Bearer " + token) ? 0 : 401;
 }
 
 outcome_t read_report_token(const std::string& path, std::string& token)
@@ -138,7 +160,7 @@ outcome_t write_report_file(report_source_t& source, const report_query_t& query
     if (outcome_t made = all_reports(source, query, data); !made)
         return made;
     const std::string scripts = "<script>" + script_safe(chart) + "</script>\n<script>window.usemeterReport = " +
-                                script_safe(data.dump()) + ";</script>\n<script>" +
+                                json_in_html(data) + ";</script>\n<script>" +
                                 script_safe(report_script) + "</script>";
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << page(file_policy, std::string("<style>") + report_style + "</style>", scripts);
@@ -153,23 +175,25 @@ report_routes_t::report_routes_t(std::string store, std::string token)
 {
 }
 
-void report_routes_t::mount(httplib::Server& server)
+void report_routes_t::mount(http_server_t& server)
 {
-    auto handler = [this](const httplib::Request& request, httplib::Response& response) {
+    auto handler = [this](const http_request_t& request, http_response_t& response) {
         handle(request, response);
     };
-    server.Get("/report", handler);
-    server.Get("/report/(chart\\.js|report\\.js|report\\.css)", handler);
-    server.Get("/api/stats/([a-z]+)", handler);
+    for (const char* path : {"/report", "/report/chart.js", "/report/report.js", "/report/report.css"})
+        server.route({"GET", path, handler});
+    server.route({"GET", "/api/stats/", handler, 0, true});
 }
 
-void report_routes_t::handle(const httplib::Request& request, httplib::Response& response)
+void report_routes_t::handle(const http_request_t& request, http_response_t& response)
 {
     set_security_headers(response);
-    if (!report_access_allowed(request.remote_addr, request.get_header_value("Authorization"),
-                               token_)) {
-        response.set_header("WWW-Authenticate", "Bearer");
-        answer_error(response, 401, "the reports need a token from this address");
+    if (const int refused = report_access_verdict(request, token_)) {
+        if (refused == 401)
+            response.set_header("WWW-Authenticate", "Bearer");
+        response.reason = "no_access";
+        answer_error(response, refused, refused == 401 ? "the reports need a token from this address"
+                                                       : "the reports need a token, and the collector has none");
         return;
     }
     response.status = 200;
@@ -194,15 +218,15 @@ void report_routes_t::handle(const httplib::Request& request, httplib::Response&
     response.set_content(chart, "application/javascript");
 }
 
-void report_routes_t::serve_stats(const std::string& kind_name, const httplib::Request& request,
-                                  httplib::Response& response)
+void report_routes_t::serve_stats(const std::string& kind_name, const http_request_t& request,
+                                  http_response_t& response)
 {
     report_kind_t kind;
     if (!report_kind_named(kind_name, kind))
         return answer_error(response, 404, "no report named " + kind_name);
-    report_query_t query{request.get_param_value("product"), request.get_param_value("version"),
-                         request.get_param_value("since"), request.get_param_value("until")};
-    if (request.has_param("top") && !parse_top(request.get_param_value("top"), query.top))
+    report_query_t query{request.param("product"), request.param("version"), request.param("since"),
+                         request.param("until")};
+    if (request.has_param("top") && !parse_top(request.param("top"), query.top))
         return answer_error(response, 400, "top must be a whole number");
     if (outcome_t complete = complete_query(query, std::time(nullptr)); !complete)
         return answer_error(response, 400, complete.error);
@@ -214,7 +238,8 @@ void report_routes_t::serve_stats(const std::string& kind_name, const httplib::R
         LOG4CPLUS_ERROR(logger(), "report " << kind_name << ": " << made.error);
         return answer_error(response, 503, made.error);
     }
-    response.set_content(report_json(report).dump() + "\n", "application/json");
+    response.set_content(report_json(report).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
+                         "application/json");
 }
 
 report_source_t* report_routes_t::source(std::string& error)

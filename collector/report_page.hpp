@@ -1,9 +1,10 @@
 // The report page, served by the collector (GET /report, its scripts, and the JSON it reads
 // under /api/stats/) and written as one self-contained file. Both come from one template.
 //
-// Access: over loopback anyone may read; from any other address every report route needs
-// "Authorization: Bearer TOKEN". The page and its scripts are behind the same rule as the
-// data, so a remote reader comes through a proxy that adds the header, or a tunnel.
+// Access: only a loopback peer that names a loopback host (127.0.0.1, [::1], localhost) reads
+// without a token, so neither a same-host reverse proxy nor a rebound DNS name opens the
+// reports; every other request needs "Authorization: Bearer TOKEN". The page and its scripts
+// are behind the same rule as the data.
 #ifndef USEMETER_COLLECTOR_REPORT_PAGE_HPP
 #define USEMETER_COLLECTOR_REPORT_PAGE_HPP
 
@@ -11,24 +12,18 @@
 #include <mutex>
 #include <string>
 
+#include "http_server.hpp"
 #include "report_format.hpp"
 #include "reports.hpp"
-
-namespace httplib {
-class Server;
-struct Request;
-struct Response;
-}  // namespace httplib
 
 namespace usemeter_collector {
 
 // Debian's libjs-chart.js.
 extern const char* const chart_js_path;
 
-// True when a request from remote_addr with this Authorization header may read the reports.
-// An empty token admits only loopback.
-bool report_access_allowed(const std::string& remote_addr, const std::string& authorization,
-                           const std::string& token);
+// 0 when the request may read the reports (and /rejections), else its status: 401 without
+// the right token, 403 when there is no token to give.
+int report_access_verdict(const http_request_t& request, const std::string& token);
 
 // The first line of a token file; an error when it is missing, unreadable or empty.
 outcome_t read_report_token(const std::string& path, std::string& token);
@@ -43,13 +38,12 @@ public:
     report_routes_t(std::string store, std::string token);
 
     // Adds GET /report, /report/{chart,report}.js, /report/report.css, /api/stats/KIND.
-    void mount(httplib::Server& server);
+    void mount(http_server_t& server);
     // The routes' one handler (public so that access can be tried without a network).
-    void handle(const httplib::Request& request, httplib::Response& response);
+    void handle(const http_request_t& request, http_response_t& response);
 
 private:
-    void serve_stats(const std::string& kind, const httplib::Request& request,
-                     httplib::Response& response);
+    void serve_stats(const std::string& kind, const http_request_t& request, http_response_t& response);
     report_source_t* source(std::string& error);
 
     const std::string store_, token_;

@@ -61,6 +61,7 @@ struct spool_t::connection_t {
 
     outcome_t open(durability_t durability)
     {
+        create_private_file(path);
         if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
                                                    SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK)
             return failed("cannot open");

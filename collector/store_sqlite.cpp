@@ -5,6 +5,10 @@
 #include <mutex>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <sqlite3.h>
 
 namespace usemeter_collector {
@@ -277,9 +281,24 @@ int sqlite_schema_version()
     return schema_version;
 }
 
+void create_private_file(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0)
+        ::close(fd);
+}
+
+bool store_exists(const std::string& uri)
+{
+    const std::string scheme = "sqlite:";
+    struct stat status;
+    return uri.compare(0, scheme.size(), scheme) != 0 || ::stat(uri.c_str() + scheme.size(), &status) == 0;
+}
+
 std::unique_ptr<store_t> open_sqlite_store(const std::string& path, durability_t durability,
                                            std::string& error)
 {
+    create_private_file(path);
     sqlite3* db = nullptr;
     const int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
                                                           SQLITE_OPEN_NOMUTEX, nullptr);

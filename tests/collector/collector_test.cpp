@@ -70,8 +70,7 @@ protected:
     httplib::Result post(const std::string& path, const std::string& body)
     {
         httplib::Client client("127.0.0.1", collector->port());
-        // Not as a form: httplib answers a form over 8 KiB itself, before the collector's checks.
-        return client.Post(path.c_str(), body, "text/plain");
+        return client.Post(path.c_str(), body, "application/x-www-form-urlencoded");
     }
 };
 

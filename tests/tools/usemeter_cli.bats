@@ -128,7 +128,11 @@ TABLE
   [[ ${lines[1]} == *,UA-12345678-42,*,trovix,3.2.1,posix,*,gui,open.file && ${lines[2]} == *,run,build ]]
   cid=$(cut -d, -f3 <<<"${lines[1]}")
   run um collector erase --store "sqlite:$HOME/hits.db" --cid "$cid"
-  [[ $output == "erased 2 hits" ]]
+  [[ $output == "erased 2 hits" && $(stat -c %a "$HOME/hits.db") == 600 ]]
+  for duty in export "erase --cid $cid"; do
+    run --separate-stderr um collector $duty --store "sqlite:$HOME/typo.db"
+    [[ $status == 1 && $stderr == *"no store at"* && ! -e $HOME/typo.db ]]
+  done
   start_collector --answer 500
   export http_proxy=http://127.0.0.1:$port
   run --separate-stderr um report run.build

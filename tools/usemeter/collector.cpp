@@ -35,6 +35,8 @@ void require_day(const std::string& option, const std::string& value)
 
 std::unique_ptr<uc::store_t> open_or_fail(const std::string& uri)
 {
+    if (!uc::store_exists(uri))
+        throw command_error("no store at " + uri);
     std::string error;
     auto store = uc::open_store(uri, uc::durability_t::normal, error);
     if (!store)
@@ -89,7 +91,8 @@ void mount_reports(uc::collector_options_t& config, const std::string& token_fil
         if (const uc::outcome_t read = uc::read_report_token(token_file, token); !read)
             throw command_error(read.error);
     auto routes = std::make_shared<uc::report_routes_t>(config.store, token);
-    config.mount = [routes](httplib::Server& server) { routes->mount(server); };
+    config.report_token = token;
+    config.mount = [routes](uc::http_server_t& server) { routes->mount(server); };
 }
 
 uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
@@ -117,9 +120,16 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
         ("retention-days", po::value(&config.retention_days),
          "delete hits received more than N UTC days ago, at start and hourly")
         ("report-token-file", po::value(&report_token_file),
-         "first line: the token the reports need from any address but loopback")
-        ("max-connections", po::value(&config.max_connections)->default_value(config.max_connections),
-         "connections served at once; more wait to be accepted");
+         "first line: the token the reports and /rejections need unless asked for as localhost over loopback")
+        ("max-connections", po::value(&config.limits.max_connections)->default_value(config.limits.max_connections),
+         "connections open at once; more are closed at once")
+        ("max-connections-per-address",
+         po::value(&config.limits.max_connections_per_address)->default_value(config.limits.max_connections_per_address),
+         "connections one client address may hold at once (0: no limit)")
+        ("access-log", po::value(&config.access_log.path),
+         "append one line per request to FILE: time, status, body bytes, path, refusal reason")
+        ("access-log-addresses", po::bool_switch(&config.access_log.addresses),
+         "also write each request's client address to the access log");
     po::variables_map values;
     help = !parse_command_line(argc, argv,
                                "usemeter collector [options] | collector export ... | collector erase ...",
@@ -130,7 +140,7 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
     if (values.count("answer") && (config.answer < 100 || config.answer > 599))
         throw usage_error("--answer must be an HTTP status between 100 and 599, not " +
                           std::to_string(config.answer));
-    if (hold_ms < 0 || config.retention_days < 0 || config.max_connections < 1 || config.spool.max_hits < 1)
+    if (hold_ms < 0 || config.retention_days < 0 || config.limits.max_connections < 1 || config.spool.max_hits < 1)
         throw usage_error("--hold, --retention-days, --max-connections and --spool-max-hits take positive numbers");
     config.hold_ms = hold_ms;
     config.reset = values.count("reset") > 0;
