@@ -15,9 +15,10 @@ const char* const chart_js_path = "/usr/share/javascript/chart.js/chart.min.js";
 
 namespace {
 
-const report_kind_t every_kind[] = {report_kind_t::active, report_kind_t::features,
-                                    report_kind_t::versions, report_kind_t::systems};
-const char* const every_kind_name[] = {"active", "features", "versions", "systems"};
+const report_kind_t every_kind[] = {report_kind_t::active,   report_kind_t::features,
+                                    report_kind_t::versions, report_kind_t::systems,
+                                    report_kind_t::retention, report_kind_t::adoption};
+const char* const every_kind_name[] = {"active", "features", "versions", "systems", "retention", "adoption"};
 
 // Served: only the collector's own files may run, style or be fetched.
 const char* const served_policy =

@@ -82,6 +82,21 @@ const std::vector<uc::hit_t> known_hits = {
     hit("2026-03-16", "A", "1.10", "Debian 12", "y", "script", ""),
 };
 
+// The JSON endpoint's answer to a command's "KIND --name value ..." arguments.
+std::string endpoint_answer(uc::report_routes_t& routes, const std::string& arguments)
+{
+    std::istringstream words(arguments);
+    httplib::Request request;
+    request.remote_addr = "127.0.0.1";
+    words >> request.path;
+    request.path = "/api/stats/" + request.path;
+    for (std::string name, value; words >> name >> value;)
+        request.params.emplace(name.substr(2), value);
+    httplib::Response response;
+    routes.handle(request, response);
+    return response.body;
+}
+
 // tests/data/known_reports.txt holds, after each "$ arguments" line, the command's whole
 // answer: the numbers as CSV, and whole answers in the other formats for null and empty
 // labels, the weekly trend (one hit each side of a Monday) and the newest version.
@@ -97,10 +112,14 @@ TEST_F(reports_test, known_hits_give_known_numbers_in_every_format)
         else
             answers.back().second += line + "\n";
     }
-    ASSERT_EQ(answers.size(), 11u);
+    ASSERT_EQ(answers.size(), 17u);
+    uc::report_routes_t routes(store_uri(), "");
     for (const auto& [arguments, answer] : answers) {
         const std::string command = "stats " + arguments + " --store " + store_uri();
         EXPECT_EQ(run_tool(command).out, answer) << arguments;
+        if (arguments.find("--format json") != std::string::npos) {
+            EXPECT_EQ(endpoint_answer(routes, arguments), answer) << arguments;
+        }
     }
     EXPECT_EQ(run_tool("stats active --store sqlite:" + home_ / "none.db").status, 1);
 }
@@ -164,7 +183,7 @@ TEST_F(served_reports_test, command_line_and_endpoints_agree)
 {
     for (const char* query : {range, "product=trovix&version=2025.2&since=2026-03-01&until=2026-03-16"}) {
         std::string arguments = std::regex_replace(std::string("&") + query, std::regex("&([a-z]+)="), " --$1 ");
-        for (const char* kind : {"active", "features", "versions", "systems"}) {
+        for (const char* kind : {"active", "features", "versions", "systems", "retention", "adoption"}) {
             auto answer = get(std::string("/api/stats/") + kind + "?" + query);
             ASSERT_TRUE(answer);
             EXPECT_EQ(answer->status, 200);
