@@ -72,6 +72,15 @@ outcome_t all_reports(report_source_t& source, const report_query_t& query, nloh
             return made;
         data[every_kind_name[i]] = report_json(report);
     }
+    // The headline figures' comparison: the range of the same length just before.
+    report_query_t previous = query;
+    const std::int64_t since = day_number(query.since), length = day_number(query.until) - since + 1;
+    previous.since = day_text(since - length);
+    previous.until = day_text(since - 1);
+    report_t report;
+    if (outcome_t made = make_report(source, report_kind_t::active, previous, report); !made)
+        return made;
+    data["previous"] = report_json(report);
     return {};
 }
 

@@ -220,6 +220,29 @@ std::string attribute_of(const std::string& dom, const std::string& id, const st
     return std::regex_search(dom, match, pattern) ? match.str(1) + match.str(2) : "";
 }
 
+// The text of the element that begins with id="ID" up to its closing tag.
+std::string element(const std::string& dom, const std::string& id, const std::string& tag)
+{
+    const std::size_t from = dom.find("id=\"" + id + "\"");
+    return from == std::string::npos ? "" : dom.substr(from, dom.find("</" + tag + ">", from) - from);
+}
+
+std::vector<std::string> all_matches(const std::string& text, const std::string& pattern)
+{
+    std::vector<std::string> found;
+    const std::regex expression(pattern);
+    for (std::sregex_iterator at(text.begin(), text.end(), expression), end; at != end; ++at)
+        found.push_back((*at)[1]);
+    return found;
+}
+
+std::string percent(const json& share)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f%%", 100 * share.get<double>());
+    return text;
+}
+
 TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figures)
 {
     if (!usemeter_test::file_exists("/usr/bin/chromium"))
@@ -227,8 +250,19 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
     const std::string file = home_ / "report.html";
     ASSERT_EQ(run_tool(std::string("stats --html ") + file + " --since 2026-02-15 --until 2026-03-16 --store " +
                        store_uri()).status, 0);
-    const json days = json::parse(get(std::string("/api/stats/active?") + range)->body).at("days");
-    const json features = json::parse(get(std::string("/api/stats/features?") + range)->body);
+    auto stats = [&](const std::string& kind, const std::string& query) {
+        return json::parse(get("/api/stats/" + kind + "?" + query)->body);
+    };
+    const json days = stats("active", range).at("days");
+    const json before = stats("active", "since=2026-01-16&until=2026-02-14").at("days");
+    const json features = stats("features", range), cohorts = stats("retention", range).at("cohorts");
+    const json adoption = stats("adoption", range).at("adoption");
+    std::vector<std::string> returning, shares;
+    for (const json& cohort : cohorts)
+        for (const json& count : cohort.at("returning"))
+            returning.push_back(count.dump());
+    for (const json& row : adoption)
+        shares.push_back(percent(row.at("share")));
     for (const std::string& url : {collector_->url("/report?") + range, "file://" + file}) {
         SCOPED_TRACE(url);
         std::string console;
@@ -236,7 +270,7 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
         EXPECT_EQ(console, "");
         EXPECT_NE(dom.find("data-state=\"ready\""), std::string::npos) << dom.substr(0, 2000);
         EXPECT_EQ(dom.find("data-problems"), std::string::npos);
-        for (const char* chart : {"chart-active", "chart-new", "chart-features", "chart-trend",
+        for (const char* chart : {"chart-active", "chart-stickiness", "chart-new", "chart-features", "chart-trend",
                                   "chart-versions", "chart-systems"}) {
             EXPECT_EQ(attribute_of(dom, chart, "data-painted"), "yes") << chart;
             EXPECT_NE(attribute_of(dom, chart, "data-points"), "0") << chart;
@@ -245,14 +279,36 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
         for (const json& day : days)
             fresh += day.at("new").get<std::int64_t>();
         const json& last = days.back();
-        for (const auto& [id, figure] : {std::pair<std::string, json>{"dau", last.at("dau")},
-                                         {"wau", last.at("wau")}, {"mau", last.at("mau")}, {"new", fresh}})
-            EXPECT_NE(dom.find("id=\"figure-" + id + "\">" + figure.dump() + "<"), std::string::npos) << id;
-        std::size_t rows = 0;
-        for (std::size_t at = 0; (at = dom.find("<tr", at)) != std::string::npos; ++at)
-            ++rows;
-        EXPECT_EQ(rows, features.at("features").size() + 1);
+        for (const auto& [id, figure] : {std::pair<std::string, std::string>{"dau", last.at("dau").dump()},
+                                         {"wau", last.at("wau").dump()}, {"mau", last.at("mau").dump()},
+                                         {"new", std::to_string(fresh)}, {"stickiness", percent(last.at("stickiness"))}})
+            EXPECT_NE(dom.find("id=\"figure-" + id + "\">" + figure + "<"), std::string::npos) << id;
+        const std::int64_t dau_change = last.at("dau").get<std::int64_t>() - before.back().at("dau").get<std::int64_t>();
+        EXPECT_NE(element(dom, "delta-dau", "span").find((dau_change >= 0 ? "+" : "") + std::to_string(dau_change)),
+                  std::string::npos);
+        EXPECT_EQ(all_matches(element(dom, "table-retention", "table"), "<td class=\"share[^>]*>([0-9]+)<"), returning);
+        std::vector<std::string> shown = all_matches(element(dom, "table-adoption", "table"), ">([0-9.]+%)<");
+        std::sort(shown.begin(), shown.end());
+        std::sort(shares.begin(), shares.end());
+        EXPECT_EQ(shown, shares);
+        EXPECT_EQ(all_matches(element(dom, "table-features", "table"), "(<tr)").size(), features.at("features").size() + 1);
     }
+}
+
+// The controls' query (a version, the last 7 days) gives the figures of that scope's JSON.
+TEST_F(served_reports_test, page_controls_change_the_figures)
+{
+    if (!usemeter_test::file_exists("/usr/bin/chromium"))
+        GTEST_SKIP() << "chromium is not installed (scripts/install-deps installs it)";
+    const json last = json::parse(get("/api/stats/active?version=2026.1&since=2026-03-10&until=2026-03-16")->body)
+                          .at("days").back();
+    std::string console;
+    const std::string dom =
+        page_dom(home_.path(), collector_->url("/report?version=2026.1&days=7&until=2026-03-16"), console);
+    EXPECT_EQ(console, "");
+    EXPECT_NE(dom.find(">2026-03-10 to 2026-03-16 (UTC), version 2026.1<"), std::string::npos);
+    EXPECT_NE(dom.find("id=\"figure-wau\">" + last.at("wau").dump() + "<"), std::string::npos);
+    EXPECT_NE(dom.find("<option value=\"2026.1\">"), std::string::npos);
 }
 
 }  // namespace
