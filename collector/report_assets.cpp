@@ -273,14 +273,18 @@ const char* const report_script = R"js(
   // Versions (newest topVersions, release order) by categories (most users first); a category
   // a version gains or loses against the version before it is outlined.
   function showAdoption(rows) {
-    var versions = [], categories = {}, share = {};
+    // Maps, not objects: a sender's category may be named like an object's own property.
+    var versions = [], categories = new Map(), shares = new Map();
     rows.forEach(function (r) {
-      if (versions[versions.length - 1] !== r.version) versions.push(r.version);
-      categories[r.category] = (categories[r.category] || 0) + r.users;
-      share[r.version + '\n' + r.category] = r.share;
+      if (versions[versions.length - 1] !== r.version) {
+        versions.push(r.version);
+        shares.set(r.version, new Map());
+      }
+      categories.set(r.category, (categories.get(r.category) || 0) + r.users);
+      shares.get(r.version).set(r.category, r.share);
     });
-    var columns = Object.keys(categories).sort(function (a, b) {
-      return categories[b] - categories[a] || (a < b ? -1 : a > b ? 1 : 0);
+    var columns = Array.from(categories.keys()).sort(function (a, b) {
+      return categories.get(b) - categories.get(a) || (a < b ? -1 : a > b ? 1 : 0);
     });
     var hiddenColumns = Math.max(0, columns.length - topCategories), hiddenRows = Math.max(0, versions.length - topVersions);
     columns = columns.slice(0, topCategories);
@@ -291,8 +295,8 @@ const char* const report_script = R"js(
       var row = body.insertRow();
       cell(row, version, null);
       columns.forEach(function (category) {
-        var now = share[version + '\n' + category];
-        var before = v > 0 ? share[versions[v - 1] + '\n' + category] : undefined;
+        var now = shares.get(version).get(category);
+        var before = v > 0 ? shares.get(versions[v - 1]).get(category) : undefined;
         if (now === undefined) {
           cell(row, '-', before === undefined ? 'absent' : 'absent gone');
           return;
