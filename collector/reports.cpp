@@ -345,7 +345,7 @@ outcome_t retention_report(report_source_t& source, const report_query_t& query,
     std::unordered_map<std::string, member_t> members;
     for (const auto& [cid, day] : firsts)
         members.emplace(cid, member_t{members.size(), static_cast<std::size_t>((day_number(day) - first) / week)});
-    std::unordered_set<std::size_t> returned;
+    std::unordered_set<std::uint64_t> returned;  // 64 bits even on i386: ids times weeks
     cohorts.assign(weeks, {});
     for (std::size_t w = 0; w < weeks; ++w) {
         cohorts[w].week = day_text(first + week * static_cast<std::int64_t>(w));
@@ -356,7 +356,7 @@ outcome_t retention_report(report_source_t& source, const report_query_t& query,
         const auto member = members.find(cid);
         const auto in_week = static_cast<std::size_t>((day_number(day) - first) / week);
         if (member == members.end() || in_week >= weeks || in_week < member->second.cohort ||
-            !returned.insert(member->second.id * weeks + in_week).second)
+            !returned.insert(std::uint64_t{member->second.id} * weeks + in_week).second)
             return;
         ++cohorts[member->second.cohort].returning[in_week - member->second.cohort];
     });
