@@ -55,7 +55,31 @@ protected:
         ASSERT_TRUE(store->append(hits));
     }
 
+    // The collector's answer to a command's "KIND --name value ..." arguments, from its JSON
+    // endpoint; the collector starts on first use.
+    std::string endpoint_answer(const std::string& arguments)
+    {
+        if (!serving_) {
+            uc::collector_options_t options;
+            options.listen = "127.0.0.1:0";
+            options.store = store_uri();
+            auto routes = std::make_shared<uc::report_routes_t>(store_uri(), "");
+            options.mount = [routes](auto& server) { routes->mount(server); };
+            serving_ = std::make_unique<uc::collector_t>(options);
+            EXPECT_TRUE(serving_->start());
+        }
+        std::istringstream words(arguments);
+        std::string path;
+        words >> path;
+        path = "/api/stats/" + path + "?";
+        for (std::string name, value; words >> name >> value;)
+            path += name.substr(2) + "=" + value + "&";
+        const auto answer = httplib::Client("127.0.0.1", serving_->port()).Get(path);
+        return answer ? answer->body : "no answer";
+    }
+
     temp_home_t home_;
+    std::unique_ptr<uc::collector_t> serving_;
 };
 
 uc::hit_t hit(const std::string& day, const std::string& cid, const std::string& av,
@@ -86,21 +110,6 @@ const std::vector<uc::hit_t> known_hits = {
     hit("2026-03-16", "A", "1.10", "Debian 12", "y", "script", ""),
 };
 
-// The JSON endpoint's answer to a command's "KIND --name value ..." arguments.
-std::string endpoint_answer(uc::report_routes_t& routes, const std::string& arguments)
-{
-    std::istringstream words(arguments);
-    httplib::Request request;
-    request.remote_addr = "127.0.0.1";
-    words >> request.path;
-    request.path = "/api/stats/" + request.path;
-    for (std::string name, value; words >> name >> value;)
-        request.params.emplace(name.substr(2), value);
-    httplib::Response response;
-    routes.handle(request, response);
-    return response.body;
-}
-
 // tests/data/known_reports.txt holds, after each "$ arguments" line, the command's whole
 // answer: the numbers as CSV, and whole answers in the other formats for null and empty
 // labels, the weekly trend (one hit each side of a Monday) and the newest version. Its JSON
@@ -118,12 +127,11 @@ TEST_F(reports_test, known_hits_give_known_numbers_in_every_format)
             answers.back().second += line + "\n";
     }
     ASSERT_EQ(answers.size(), 18u);
-    uc::report_routes_t routes(store_uri(), "");
     for (const auto& [arguments, answer] : answers) {
         const std::string command = "stats " + arguments + " --store " + store_uri();
         EXPECT_EQ(run_tool(command).out, answer) << arguments;
         if (arguments.find("--format json") != std::string::npos) {
-            EXPECT_EQ(endpoint_answer(routes, arguments), answer) << arguments;
+            EXPECT_EQ(endpoint_answer(arguments), answer) << arguments;
         }
     }
     EXPECT_EQ(run_tool("stats active --store sqlite:" + home_ / "none.db").status, 1);
