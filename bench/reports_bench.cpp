@@ -3,7 +3,9 @@
 // - daily active users over 30 days: the active report (dau, wau, mau, new, active share)
 //   against "count distinct client ids per day" over the hits;
 // - the feature table over 30 days against the same grouping over the hits;
-// - the JSON endpoint GET /api/stats/active (over loopback) against the same hits query.
+// - the JSON endpoint GET /api/stats/active (over loopback) against the same hits query;
+// - weekly retention cohorts over 30 days against the same cohorts from the hits (each
+//   client id's first hit in the whole store, the distinct weeks it came back).
 //
 // The generated store is kept in the build tree (report-bench-USERS.db) because generating
 // it takes minutes; USEMETER_BENCH_REPORT_USERS sets its size (default 2000 users, 90 days).
@@ -39,6 +41,16 @@ const char* const features_from_hits =
     "SELECT ec, el, count(*), count(DISTINCT cid) FROM hits"
     " WHERE day BETWEEN '2026-03-02' AND '2026-03-31' GROUP BY ec, el";
 
+// 2026-03-02 is a Monday, so the month's weeks are whole from its start.
+const char* const retention_from_hits =
+    "WITH weeks AS (SELECT DISTINCT cid,"
+    "  date(day, '-' || ((CAST(strftime('%w', day) AS INTEGER) + 6) % 7) || ' days') AS week"
+    "  FROM hits WHERE day BETWEEN '2026-03-02' AND '2026-03-31'),"
+    " firsts AS (SELECT cid,"
+    "  date(min(day), '-' || ((CAST(strftime('%w', min(day)) AS INTEGER) + 6) % 7) || ' days') AS cohort"
+    "  FROM hits GROUP BY cid HAVING min(day) BETWEEN '2026-03-02' AND '2026-03-31')"
+    " SELECT cohort, count(*) FROM firsts JOIN weeks USING (cid) WHERE week >= cohort GROUP BY cohort, week";
+
 void scan_hits(benchmark::State& state, const char* sql)
 {
     sqlite3* db = nullptr;
@@ -57,6 +69,7 @@ void scan_hits(benchmark::State& state, const char* sql)
 
 void BM_dau_from_hits(benchmark::State& state) { scan_hits(state, dau_from_hits); }
 void BM_features_from_hits(benchmark::State& state) { scan_hits(state, features_from_hits); }
+void BM_retention_from_hits(benchmark::State& state) { scan_hits(state, retention_from_hits); }
 
 void report(benchmark::State& state, uc::report_kind_t kind)
 {
@@ -72,6 +85,7 @@ void report(benchmark::State& state, uc::report_kind_t kind)
 
 void BM_active_report(benchmark::State& state) { report(state, uc::report_kind_t::active); }
 void BM_features_report(benchmark::State& state) { report(state, uc::report_kind_t::features); }
+void BM_retention_report(benchmark::State& state) { report(state, uc::report_kind_t::retention); }
 
 void BM_active_endpoint(benchmark::State& state)
 {
@@ -102,7 +116,8 @@ public:
         const std::pair<const char*, const char*> keys[] = {
             {"BM_dau_from_hits", "dau_hits"}, {"BM_active_report", "active"},
             {"BM_active_endpoint", "endpoint"}, {"BM_features_from_hits", "features_hits"},
-            {"BM_features_report", "features"}};
+            {"BM_features_report", "features"}, {"BM_retention_from_hits", "retention_hits"},
+            {"BM_retention_report", "retention"}};
         for (const Run& run : runs)
             for (const auto& [benchmark, key] : keys)
                 if (run.benchmark_name().rfind(benchmark, 0) == 0)
@@ -145,6 +160,8 @@ BENCHMARK(BM_active_report)->Unit(benchmark::kMillisecond)->MinTime(2);
 BENCHMARK(BM_active_endpoint)->Unit(benchmark::kMillisecond)->MinTime(2);
 BENCHMARK(BM_features_from_hits)->Unit(benchmark::kMillisecond)->MinTime(2);
 BENCHMARK(BM_features_report)->Unit(benchmark::kMillisecond)->MinTime(2);
+BENCHMARK(BM_retention_from_hits)->Unit(benchmark::kMillisecond)->MinTime(2);
+BENCHMARK(BM_retention_report)->Unit(benchmark::kMillisecond)->MinTime(2);
 
 int main(int argc, char** argv)
 {
@@ -157,8 +174,10 @@ int main(int argc, char** argv)
     std::printf("RATIO report_active_vs_hits_query %.3f (target <= 0.1)\n", mean_ms["active"] / mean_ms["dau_hits"]);
     std::printf("RATIO report_features_vs_hits_query %.3f (target <= 0.1)\n", mean_ms["features"] / mean_ms["features_hits"]);
     std::printf("RATIO report_endpoint_active_vs_hits_query %.3f (target <= 0.1)\n", mean_ms["endpoint"] / mean_ms["dau_hits"]);
+    std::printf("RATIO report_retention_vs_hits_query %.3f (target <= 0.1)\n", mean_ms["retention"] / mean_ms["retention_hits"]);
     std::printf("(means: dau from hits %.1f ms, active report %.1f ms, endpoint %.1f ms; features from hits %.1f ms,"
-                " feature report %.1f ms)\n", mean_ms["dau_hits"], mean_ms["active"], mean_ms["endpoint"],
-                mean_ms["features_hits"], mean_ms["features"]);
+                " feature report %.1f ms; retention from hits %.1f ms, retention report %.1f ms)\n", mean_ms["dau_hits"],
+                mean_ms["active"], mean_ms["endpoint"], mean_ms["features_hits"], mean_ms["features"],
+                mean_ms["retention_hits"], mean_ms["retention"]);
     return 0;
 }

@@ -13,14 +13,17 @@ struct layout_t {
     report_kind_t kind;
     const char* name;  // the command's and the endpoint's word, and the JSON key but for active
     const char* key;
-    std::vector<const char*> columns;
+    std::vector<std::string> columns;
 };
 
 const layout_t layouts[] = {
-    {report_kind_t::active, "active", "days", {"day", "dau", "wau", "mau", "new", "active_share"}},
+    {report_kind_t::active, "active", "days", {"day", "dau", "wau", "mau", "new", "active_share", "stickiness"}},
     {report_kind_t::features, "features", "features", {"category", "label", "hits", "users"}},
     {report_kind_t::versions, "versions", "versions", {"day", "version", "users"}},
     {report_kind_t::systems, "systems", "systems", {"system", "users"}},
+    // In a table or CSV, returning[k] is the column wk.
+    {report_kind_t::retention, "retention", "cohorts", {"week", "users"}},
+    {report_kind_t::adoption, "adoption", "adoption", {"version", "category", "users", "share"}},
 };
 
 const layout_t& layout_of(report_kind_t kind)
@@ -34,7 +37,7 @@ json rows_json(const report_t& report)
     json rows = json::array();
     for (const active_day_t& d : report.days)
         rows.push_back({{"day", d.day}, {"dau", d.dau}, {"wau", d.wau}, {"mau", d.mau},
-                        {"new", d.fresh}, {"active_share", d.active_share}});
+                        {"new", d.fresh}, {"active_share", d.active_share}, {"stickiness", d.stickiness}});
     for (const feature_row_t& f : report.features)
         rows.push_back({{"category", f.category},
                         {"label", f.label ? json(*f.label) : json(nullptr)},
@@ -43,7 +46,36 @@ json rows_json(const report_t& report)
         rows.push_back({{"day", v.day}, {"version", v.version}, {"users", v.users}});
     for (const system_row_t& s : report.systems)
         rows.push_back({{"system", s.system}, {"users", s.users}});
+    for (const cohort_t& c : report.cohorts)
+        rows.push_back({{"week", c.week}, {"users", c.users}, {"returning", c.returning}});
+    for (const adoption_row_t& a : report.adoption)
+        rows.push_back({{"version", a.version}, {"category", a.category}, {"users", a.users}, {"share", a.share}});
     return rows;
+}
+
+// The cohorts' returning counts as columns w0, w1, ...; the triangle leaves later cells empty.
+layout_t spread_returning(layout_t layout, json& rows)
+{
+    std::size_t widest = 0;
+    for (json& row : rows) {
+        if (!row.contains("returning"))
+            continue;
+        const json returning = row["returning"];
+        row.erase("returning");
+        for (std::size_t k = 0; k < returning.size(); ++k)
+            row["w" + std::to_string(k)] = returning[k];
+        widest = std::max(widest, returning.size());
+    }
+    for (std::size_t k = 0; k < widest; ++k)
+        layout.columns.push_back("w" + std::to_string(k));
+    return layout;
+}
+
+// A row's cell of column, or an empty string for a column it lacks.
+template <typename format_fn>
+std::string cell_text(const json& row, const std::string& column, format_fn format)
+{
+    return row.contains(column) ? format(row[column]) : std::string();
 }
 
 // RFC 4180; a null is an empty field, an empty text a quoted one, so the two stay apart.
@@ -77,7 +109,7 @@ std::string csv(const layout_t& layout, const json& rows)
     out << "\n";
     for (const json& row : rows) {
         for (std::size_t c = 0; c < layout.columns.size(); ++c)
-            out << (c ? "," : "") << csv_cell(row[layout.columns[c]]);
+            out << (c ? "," : "") << cell_text(row, layout.columns[c], csv_cell);
         out << "\n";
     }
     return out.str();
@@ -87,11 +119,11 @@ std::string csv(const layout_t& layout, const json& rows)
 std::string table(const layout_t& layout, const json& rows)
 {
     std::vector<std::size_t> widths;
-    for (const char* column : layout.columns)
-        widths.push_back(std::string(column).size());
+    for (const std::string& column : layout.columns)
+        widths.push_back(column.size());
     for (const json& row : rows)
         for (std::size_t c = 0; c < widths.size(); ++c)
-            widths[c] = std::max(widths[c], table_cell(row[layout.columns[c]]).size());
+            widths[c] = std::max(widths[c], cell_text(row, layout.columns[c], table_cell).size());
     auto line = [&](auto cell_of, auto numeric) {
         std::string text;
         for (std::size_t c = 0; c < widths.size(); ++c) {
@@ -103,10 +135,11 @@ std::string table(const layout_t& layout, const json& rows)
         return text + "\n";
     };
     const json* first = rows.empty() ? nullptr : &rows.front();
-    auto numeric = [&](std::size_t c) { return first && (*first)[layout.columns[c]].is_number(); };
-    std::string out = line([&](std::size_t c) { return std::string(layout.columns[c]); }, numeric);
+    auto numeric = [&](std::size_t c) { return first && first->contains(layout.columns[c]) &&
+                                                (*first)[layout.columns[c]].is_number(); };
+    std::string out = line([&](std::size_t c) { return layout.columns[c]; }, numeric);
     for (const json& row : rows)
-        out += line([&](std::size_t c) { return table_cell(row[layout.columns[c]]); }, numeric);
+        out += line([&](std::size_t c) { return cell_text(row, layout.columns[c], table_cell); }, numeric);
     return out;
 }
 
@@ -161,6 +194,10 @@ outcome_t make_report(report_source_t& source, report_kind_t kind, const report_
     }
     case report_kind_t::systems:
         return systems_report(source, query, report.systems);
+    case report_kind_t::retention:
+        return retention_report(source, query, report.cohorts);
+    case report_kind_t::adoption:
+        return adoption_report(source, query, report.adoption);
     }
     return outcome_t::failure("unknown report");
 }
@@ -183,12 +220,13 @@ nlohmann::json report_json(const report_t& report)
 
 std::string format_report(const report_t& report, report_format_t format)
 {
-    const layout_t& layout = layout_of(report.kind);
+    json rows = rows_json(report);
+    const layout_t layout = spread_returning(layout_of(report.kind), rows);
     switch (format) {
     case report_format_t::csv:
-        return csv(layout, rows_json(report));
+        return csv(layout, rows);
     case report_format_t::table:
-        return table(layout, rows_json(report)) + newest_line(report.newest);
+        return table(layout, rows) + newest_line(report.newest);
     case report_format_t::json:
         break;
     }

@@ -12,10 +12,10 @@
 
 namespace usemeter_collector {
 
-enum class report_kind_t { active, features, versions, systems };
+enum class report_kind_t { active, features, versions, systems, retention, adoption };
 enum class report_format_t { table, csv, json };
 
-// false for a name that is none of active, features, versions, systems.
+// false for a name that is none of active, features, versions, systems, retention, adoption.
 bool report_kind_named(const std::string& name, report_kind_t& kind);
 bool report_format_named(const std::string& name, report_format_t& format);
 
@@ -28,6 +28,8 @@ struct report_t {
     std::vector<version_row_t> versions;
     std::optional<newest_version_t> newest;  // versions only
     std::vector<system_row_t> systems;
+    std::vector<cohort_t> cohorts;
+    std::vector<adoption_row_t> adoption;
 };
 
 outcome_t make_report(report_source_t& source, report_kind_t kind, const report_query_t& query,

@@ -16,9 +16,10 @@ const char* const chart_js_path = "/usr/share/javascript/chart.js/chart.min.js";
 
 namespace {
 
-const report_kind_t every_kind[] = {report_kind_t::active, report_kind_t::features,
-                                    report_kind_t::versions, report_kind_t::systems};
-const char* const every_kind_name[] = {"active", "features", "versions", "systems"};
+const report_kind_t every_kind[] = {report_kind_t::active,   report_kind_t::features,
+                                    report_kind_t::versions, report_kind_t::systems,
+                                    report_kind_t::retention, report_kind_t::adoption};
+const char* const every_kind_name[] = {"active", "features", "versions", "systems", "retention", "adoption"};
 
 // Served: only the collector's own files may run, style or be fetched.
 const char* const served_policy =
@@ -83,6 +84,15 @@ outcome_t all_reports(report_source_t& source, const report_query_t& query, nloh
             return made;
         data[every_kind_name[i]] = report_json(report);
     }
+    // The headline figures' comparison: the range of the same length just before.
+    report_query_t previous = query;
+    const std::int64_t since = day_number(query.since), length = day_number(query.until) - since + 1;
+    previous.since = day_text(since - length);
+    previous.until = day_text(since - 1);
+    report_t report;
+    if (outcome_t made = make_report(source, report_kind_t::active, previous, report); !made)
+        return made;
+    data["previous"] = report_json(report);
     return {};
 }
 

@@ -178,6 +178,12 @@ std::string day_text(std::int64_t number)
     return utc_day(number * seconds_per_day);
 }
 
+std::int64_t monday_of(std::int64_t day)
+{
+    // 1970-01-01 was a Thursday: day 0 is 3 days after its week's Monday.
+    return day - ((day + 3) % 7 + 7) % 7;
+}
+
 bool version_less(const std::string& a, const std::string& b)
 {
     return compare_versions(a, b) < 0;
@@ -231,7 +237,8 @@ outcome_t active_report(report_source_t& source, const report_query_t& query,
         const day_users_t& today = user_days[t];
         const auto dau = static_cast<std::int64_t>(today.ids.size());
         days.push_back({day_text(first + static_cast<std::int64_t>(t)), dau, weekly.distinct(),
-                        monthly.distinct(), today.fresh, share(today.active, dau)});
+                        monthly.distinct(), today.fresh, share(today.active, dau),
+                        share(dau, monthly.distinct())});
     }
     return {};
 }
@@ -272,8 +279,7 @@ outcome_t features_report(report_source_t& source, const report_query_t& query,
 outcome_t weekly_trend(report_source_t& source, const report_query_t& query,
                        const std::vector<feature_row_t>& rows, std::vector<trend_row_t>& trend)
 {
-    // 1970-01-01 was a Thursday: day 0 is 3 days after its week's Monday.
-    auto monday = [](std::int64_t day) { return day - ((day + 3) % 7 + 7) % 7; };
+    const auto monday = monday_of;
     const std::int64_t first = monday(day_number(query.since));
     const auto weeks = static_cast<std::size_t>((monday(day_number(query.until)) - first) / 7 + 1);
     std::map<std::string, std::vector<std::int64_t>> hits;
@@ -319,6 +325,70 @@ outcome_t newest_version(report_source_t& source, const report_query_t& query,
         newest = newest_version_t{query.until, rows.back().version, rows.back().users, dau,
                                   share(rows.back().users, dau)};
     return read;
+}
+
+outcome_t retention_report(report_source_t& source, const report_query_t& query,
+                           std::vector<cohort_t>& cohorts)
+{
+    report_query_t weeks_query = query;
+    weeks_query.version.clear();
+    const std::int64_t first = monday_of(day_number(query.since));
+    weeks_query.since = day_text(first);
+    const auto weeks = static_cast<std::size_t>((monday_of(day_number(query.until)) - first) / week + 1);
+    std::vector<std::pair<std::string, std::string>> firsts;
+    if (outcome_t found = source.first_days(weeks_query, firsts); !found)
+        return found;
+    // Each member numbered, and each (member, week) counted once however many days it covers.
+    struct member_t {
+        std::size_t id, cohort;
+    };
+    std::unordered_map<std::string, member_t> members;
+    for (const auto& [cid, day] : firsts)
+        members.emplace(cid, member_t{members.size(), static_cast<std::size_t>((day_number(day) - first) / week)});
+    std::unordered_set<std::uint64_t> returned;  // 64 bits even on i386: ids times weeks
+    cohorts.assign(weeks, {});
+    for (std::size_t w = 0; w < weeks; ++w) {
+        cohorts[w].week = day_text(first + week * static_cast<std::int64_t>(w));
+        cohorts[w].returning.assign(weeks - w, 0);
+    }
+    const outcome_t read = source.user_days(weeks_query, weeks_query.since, query.until,
+                                            [&](const std::string& day, const std::string& cid, bool) {
+        const auto member = members.find(cid);
+        const auto in_week = static_cast<std::size_t>((day_number(day) - first) / week);
+        if (member == members.end() || in_week >= weeks || in_week < member->second.cohort ||
+            !returned.insert(std::uint64_t{member->second.id} * weeks + in_week).second)
+            return;
+        ++cohorts[member->second.cohort].returning[in_week - member->second.cohort];
+    });
+    for (cohort_t& cohort : cohorts)
+        cohort.users = cohort.returning.front();
+    return read;
+}
+
+outcome_t adoption_report(report_source_t& source, const report_query_t& query,
+                          std::vector<adoption_row_t>& rows)
+{
+    std::map<std::string, std::unordered_set<std::string>> version_users;
+    std::map<std::pair<std::string, std::string>, std::unordered_set<std::string>> category_users;
+    const outcome_t read = source.version_categories(query, [&](const std::string& version, const std::string& category,
+                                                                const std::string& cid) {
+        version_users[version].insert(cid);
+        category_users[{version, category}].insert(cid);
+    });
+    if (!read)
+        return read;
+    rows.clear();
+    for (const auto& [key, users] : category_users) {
+        const auto count = static_cast<std::int64_t>(users.size());
+        rows.push_back({key.first, key.second, count,
+                        share(count, static_cast<std::int64_t>(version_users[key.first].size()))});
+    }
+    std::sort(rows.begin(), rows.end(), [](const adoption_row_t& a, const adoption_row_t& b) {
+        if (a.version != b.version)
+            return version_less(a.version, b.version);
+        return a.users != b.users ? a.users > b.users : a.category < b.category;
+    });
+    return {};
 }
 
 outcome_t systems_report(report_source_t& source, const report_query_t& query,

@@ -29,6 +29,7 @@ struct active_day_t {
     std::string day;
     std::int64_t dau = 0, wau = 0, mau = 0, fresh = 0;
     double active_share = 0;  // 0..1, rounded to 4 decimals
+    double stickiness = 0;    // dau / mau, rounded to 4 decimals
 };
 
 struct feature_row_t {
@@ -55,6 +56,21 @@ struct newest_version_t {
     std::string day, version;
     std::int64_t users = 0, dau = 0;
     double share = 0;  // 0..1, rounded to 4 decimals
+};
+
+// A weekly cohort: the client ids whose first hit in the whole store fell in the ISO week
+// starting on week; returning[k]: how many of them had a hit in the week 7*k days later.
+struct cohort_t {
+    std::string week;
+    std::int64_t users = 0;
+    std::vector<std::int64_t> returning;
+};
+
+// Of a version's users in the range, those who used a category with it.
+struct adoption_row_t {
+    std::string version, category;
+    std::int64_t users = 0;
+    double share = 0;  // of the version's users, 0..1, rounded to 4 decimals
 };
 
 struct system_row_t {
@@ -88,6 +104,11 @@ public:
     // Hits of since..until per day and category, possibly split into several rows.
     virtual outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) = 0;
     virtual outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) = 0;
+    using version_category_sink_t =
+        std::function<void(const std::string& version, const std::string& category, const std::string& cid)>;
+    // The client ids that used each category with each version over since..until, in any
+    // order and possibly more than once.
+    virtual outcome_t version_categories(const report_query_t& query, const version_category_sink_t& sink) = 0;
     virtual outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) = 0;
 };
 
@@ -118,12 +139,20 @@ outcome_t versions_report(report_source_t& source, const report_query_t& query,
 // From the versions report's rows; none when nobody reported on the query's last day.
 outcome_t newest_version(report_source_t& source, const report_query_t& query,
                          const std::vector<version_row_t>& rows, std::optional<newest_version_t>& newest);
+// One cohort per week of the range, oldest first; the query's version is ignored.
+outcome_t retention_report(report_source_t& source, const report_query_t& query,
+                           std::vector<cohort_t>& cohorts);
+// By version in release order, then users (most first), then category.
+outcome_t adoption_report(report_source_t& source, const report_query_t& query,
+                          std::vector<adoption_row_t>& rows);
 // By users, most first.
 outcome_t systems_report(report_source_t& source, const report_query_t& query,
                          std::vector<system_row_t>& rows);
 
 // Day arithmetic on "YYYY-MM-DD".
 std::int64_t day_number(const std::string& day);
+// The day number of the Monday that starts day's ISO week.
+std::int64_t monday_of(std::int64_t day);
 std::string day_text(std::int64_t number);
 // True when a sorts before b as versions: digit runs compare as numbers.
 bool version_less(const std::string& a, const std::string& b);

@@ -93,6 +93,14 @@ public:
                       2, [&](const row_t& row) { rows.push_back({row[0], std::stoll(row[1])}); });
     }
 
+    // From the hits until the aggregates answer it.
+    outcome_t version_categories(const report_query_t& query, const version_category_sink_t& sink) override
+    {
+        return select("SELECT av, ec, cid FROM " + table_ + " WHERE " + matching(query, query.since, query.until) +
+                          " GROUP BY av, ec, cid",
+                      3, [&](const row_t& row) { sink(row[0], row[1], row[2]); }, false);
+    }
+
 private:
     // Runs a SELECT and hands each row to take, once it has the expected width and (unless
     // ends_in_count is false) a count in its last column. The schema is created

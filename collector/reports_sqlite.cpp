@@ -32,6 +32,7 @@ const std::string category_days_sql =
     "SELECT day, ec, sum(hits) FROM feature_days WHERE%F GROUP BY day, ec";
 const std::string versions_sql =
     "SELECT day, av, count(DISTINCT cid) FROM user_days WHERE%F GROUP BY day, av";
+const std::string version_categories_sql = "SELECT DISTINCT av, ec, cid FROM feature_days WHERE%F";
 const std::string systems_sql =
     "SELECT cd2, count(DISTINCT cid) FROM user_days WHERE%F GROUP BY cd2";
 
@@ -145,6 +146,14 @@ public:
         select.bind(query, query.since, query.until);
         return select.each(
             [&] { rows.push_back({select.text(0), select.text(1), select.number(2)}); });
+    }
+
+    outcome_t version_categories(const report_query_t& query, const version_category_sink_t& sink) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(version_categories_sql, query));
+        select.bind(query, query.since, query.until);
+        return select.each([&] { sink(select.text(0), select.text(1), select.text(2)); });
     }
 
     outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) override

@@ -228,7 +228,8 @@ TEST_F(clickhouse_test, both_stores_give_the_same_export_and_reports)
     for (uc::report_query_t& query : queries) {
         ASSERT_TRUE(uc::complete_query(query, now));
         for (uc::report_kind_t kind : {uc::report_kind_t::active, uc::report_kind_t::features,
-                                       uc::report_kind_t::versions, uc::report_kind_t::systems}) {
+                                       uc::report_kind_t::versions, uc::report_kind_t::systems,
+                                       uc::report_kind_t::retention, uc::report_kind_t::adoption}) {
             SCOPED_TRACE(query.product + " " + query.since + " " + std::to_string(static_cast<int>(kind)));
             const std::string expected = report_text(*sqlite_reports, kind, query);
             EXPECT_GT(expected.size(), 200u) << expected;

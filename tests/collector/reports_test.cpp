@@ -56,7 +56,31 @@ protected:
         ASSERT_TRUE(store->append(hits));
     }
 
+    // The collector's answer to a command's "KIND --name value ..." arguments, from its JSON
+    // endpoint; the collector starts on first use.
+    std::string endpoint_answer(const std::string& arguments)
+    {
+        if (!serving_) {
+            uc::collector_options_t options;
+            options.listen = "127.0.0.1:0";
+            options.store = store_uri();
+            auto routes = std::make_shared<uc::report_routes_t>(store_uri(), "");
+            options.mount = [routes](auto& server) { routes->mount(server); };
+            serving_ = std::make_unique<uc::collector_t>(options);
+            EXPECT_TRUE(serving_->start());
+        }
+        std::istringstream words(arguments);
+        std::string path;
+        words >> path;
+        path = "/api/stats/" + path + "?";
+        for (std::string name, value; words >> name >> value;)
+            path += name.substr(2) + "=" + value + "&";
+        const auto answer = httplib::Client("127.0.0.1", serving_->port()).Get(path);
+        return answer ? answer->body : "no answer";
+    }
+
     temp_home_t home_;
+    std::unique_ptr<uc::collector_t> serving_;
 };
 
 uc::hit_t hit(const std::string& day, const std::string& cid, const std::string& av,
@@ -66,8 +90,10 @@ uc::hit_t hit(const std::string& day, const std::string& cid, const std::string&
     return {uc::day_number(day) * 86400 + 3600, "UA-1-1", cid, an, av, "posix", cd2, cd3, ec, el};
 }
 
-// A: seen first on 03-01, upgrades from 1.9 to 1.10. B: weekly but not daily on 03-13.
-// G: monthly but not weekly on 03-10. 03-12: one user in three with cd3=y. F: another product.
+// A: seen first on 03-01 (week of 02-23), back only in the second week after, upgrades from
+// 1.9 to 1.10, where the users' categories differ. B: weekly but not daily on 03-13.
+// G: monthly but not weekly on 03-10. 03-12: one user in three with cd3=y. F, H: another product,
+// where more users view than run.
 const std::vector<uc::hit_t> known_hits = {
     hit("2026-03-01", "A", "1.9", "Debian 12", "n", "run", "collect"),
     hit("2026-03-02", "G", "1.9", "Debian 12", "n", "run", "collect"),
@@ -75,6 +101,8 @@ const std::vector<uc::hit_t> known_hits = {
     hit("2026-03-10", "A", "1.9", "Debian 12", "y", "run", "collect"),
     hit("2026-03-10", "B", "1.9", "Debian 12", "n", "run", "analyze"),
     hit("2026-03-10", "F", "9", "Debian 12", "y", "run", "collect", "other"),
+    hit("2026-03-11", "F", "9", "Debian 12", "n", "view", "graph", "other"),
+    hit("2026-03-11", "H", "9", "Debian 12", "n", "view", "graph", "other"),
     hit("2026-03-12", "B", "1.9", "Debian 12", "n", "run", "analyze"),
     hit("2026-03-12", "D", "1.10", "Fedora 40", "y", "view", "graph"),
     hit("2026-03-12", "E", "1.9", "Debian 12", "n", "run", "collect"),
@@ -85,7 +113,8 @@ const std::vector<uc::hit_t> known_hits = {
 
 // tests/data/known_reports.txt holds, after each "$ arguments" line, the command's whole
 // answer: the numbers as CSV, and whole answers in the other formats for null and empty
-// labels, the weekly trend (one hit each side of a Monday) and the newest version.
+// labels, the weekly trend (one hit each side of a Monday) and the newest version. Its JSON
+// answers are also the endpoints' answers.
 TEST_F(reports_test, known_hits_give_known_numbers_in_every_format)
 {
     store(known_hits);
@@ -98,10 +127,13 @@ TEST_F(reports_test, known_hits_give_known_numbers_in_every_format)
         else
             answers.back().second += line + "\n";
     }
-    ASSERT_EQ(answers.size(), 11u);
+    ASSERT_EQ(answers.size(), 18u);
     for (const auto& [arguments, answer] : answers) {
         const std::string command = "stats " + arguments + " --store " + store_uri();
         EXPECT_EQ(run_tool(command).out, answer) << arguments;
+        if (arguments.find("--format json") != std::string::npos) {
+            EXPECT_EQ(endpoint_answer(arguments), answer) << arguments;
+        }
     }
     EXPECT_EQ(run_tool("stats active --store sqlite:" + home_ / "none.db").status, 1);
 }
@@ -140,7 +172,7 @@ TEST_F(served_reports_test, command_line_and_endpoints_agree)
 {
     for (const char* query : {range, "product=trovix&version=2025.2&since=2026-03-01&until=2026-03-16"}) {
         std::string arguments = std::regex_replace(std::string("&") + query, std::regex("&([a-z]+)="), " --$1 ");
-        for (const char* kind : {"active", "features", "versions", "systems"}) {
+        for (const char* kind : {"active", "features", "versions", "systems", "retention", "adoption"}) {
             auto answer = get(std::string("/api/stats/") + kind + "?" + query);
             ASSERT_TRUE(answer);
             EXPECT_EQ(answer->status, 200);
@@ -177,6 +209,29 @@ std::string attribute_of(const std::string& dom, const std::string& id, const st
     return std::regex_search(dom, match, pattern) ? match.str(1) + match.str(2) : "";
 }
 
+// The text of the element that begins with id="ID" up to its closing tag.
+std::string element(const std::string& dom, const std::string& id, const std::string& tag)
+{
+    const std::size_t from = dom.find("id=\"" + id + "\"");
+    return from == std::string::npos ? "" : dom.substr(from, dom.find("</" + tag + ">", from) - from);
+}
+
+std::vector<std::string> all_matches(const std::string& text, const std::string& pattern)
+{
+    std::vector<std::string> found;
+    const std::regex expression(pattern);
+    for (std::sregex_iterator at(text.begin(), text.end(), expression), end; at != end; ++at)
+        found.push_back((*at)[1]);
+    return found;
+}
+
+std::string percent(const json& share)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f%%", 100 * share.get<double>());
+    return text;
+}
+
 TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figures)
 {
     if (!usemeter_test::file_exists("/usr/bin/chromium"))
@@ -184,8 +239,19 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
     const std::string file = home_ / "report.html";
     ASSERT_EQ(run_tool(std::string("stats --html ") + file + " --since 2026-02-15 --until 2026-03-16 --store " +
                        store_uri()).status, 0);
-    const json days = json::parse(get(std::string("/api/stats/active?") + range)->body).at("days");
-    const json features = json::parse(get(std::string("/api/stats/features?") + range)->body);
+    auto stats = [&](const std::string& kind, const std::string& query) {
+        return json::parse(get("/api/stats/" + kind + "?" + query)->body);
+    };
+    const json days = stats("active", range).at("days");
+    const json before = stats("active", "since=2026-01-16&until=2026-02-14").at("days");
+    const json features = stats("features", range), cohorts = stats("retention", range).at("cohorts");
+    const json adoption = stats("adoption", range).at("adoption");
+    std::vector<std::string> returning, shares;
+    for (const json& cohort : cohorts)
+        for (const json& count : cohort.at("returning"))
+            returning.push_back(count.dump());
+    for (const json& row : adoption)
+        shares.push_back(percent(row.at("share")));
     for (const std::string& url : {collector_->url("/report?") + range, "file://" + file}) {
         SCOPED_TRACE(url);
         std::string console;
@@ -193,7 +259,7 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
         EXPECT_EQ(console, "");
         EXPECT_NE(dom.find("data-state=\"ready\""), std::string::npos) << dom.substr(0, 2000);
         EXPECT_EQ(dom.find("data-problems"), std::string::npos);
-        for (const char* chart : {"chart-active", "chart-new", "chart-features", "chart-trend",
+        for (const char* chart : {"chart-active", "chart-stickiness", "chart-new", "chart-features", "chart-trend",
                                   "chart-versions", "chart-systems"}) {
             EXPECT_EQ(attribute_of(dom, chart, "data-painted"), "yes") << chart;
             EXPECT_NE(attribute_of(dom, chart, "data-points"), "0") << chart;
@@ -202,14 +268,36 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
         for (const json& day : days)
             fresh += day.at("new").get<std::int64_t>();
         const json& last = days.back();
-        for (const auto& [id, figure] : {std::pair<std::string, json>{"dau", last.at("dau")},
-                                         {"wau", last.at("wau")}, {"mau", last.at("mau")}, {"new", fresh}})
-            EXPECT_NE(dom.find("id=\"figure-" + id + "\">" + figure.dump() + "<"), std::string::npos) << id;
-        std::size_t rows = 0;
-        for (std::size_t at = 0; (at = dom.find("<tr", at)) != std::string::npos; ++at)
-            ++rows;
-        EXPECT_EQ(rows, features.at("features").size() + 1);
+        for (const auto& [id, figure] : {std::pair<std::string, std::string>{"dau", last.at("dau").dump()},
+                                         {"wau", last.at("wau").dump()}, {"mau", last.at("mau").dump()},
+                                         {"new", std::to_string(fresh)}, {"stickiness", percent(last.at("stickiness"))}})
+            EXPECT_NE(dom.find("id=\"figure-" + id + "\">" + figure + "<"), std::string::npos) << id;
+        const std::int64_t dau_change = last.at("dau").get<std::int64_t>() - before.back().at("dau").get<std::int64_t>();
+        EXPECT_NE(element(dom, "delta-dau", "span").find((dau_change >= 0 ? "+" : "") + std::to_string(dau_change)),
+                  std::string::npos);
+        EXPECT_EQ(all_matches(element(dom, "table-retention", "table"), "<td class=\"share[^>]*>([0-9]+)<"), returning);
+        std::vector<std::string> shown = all_matches(element(dom, "table-adoption", "table"), ">([0-9.]+%)<");
+        std::sort(shown.begin(), shown.end());
+        std::sort(shares.begin(), shares.end());
+        EXPECT_EQ(shown, shares);
+        EXPECT_EQ(all_matches(element(dom, "table-features", "table"), "(<tr)").size(), features.at("features").size() + 1);
     }
+}
+
+// The controls' query (a version, the last 7 days) gives the figures of that scope's JSON.
+TEST_F(served_reports_test, page_controls_change_the_figures)
+{
+    if (!usemeter_test::file_exists("/usr/bin/chromium"))
+        GTEST_SKIP() << "chromium is not installed (scripts/install-deps installs it)";
+    const json last = json::parse(get("/api/stats/active?version=2026.1&since=2026-03-10&until=2026-03-16")->body)
+                          .at("days").back();
+    std::string console;
+    const std::string dom =
+        page_dom(home_.path(), collector_->url("/report?version=2026.1&days=7&until=2026-03-16"), console);
+    EXPECT_EQ(console, "");
+    EXPECT_NE(dom.find(">2026-03-10 to 2026-03-16 (UTC), version 2026.1<"), std::string::npos);
+    EXPECT_NE(dom.find("id=\"figure-wau\">" + last.at("wau").dump() + "<"), std::string::npos);
+    EXPECT_NE(dom.find("<option value=\"2026.1\">"), std::string::npos);
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ const command_t commands[] = {
     {"status", run_status, "explain the whole decision chain for this user and product"},
     {"explain", run_explain, "show what each feature name becomes on the wire"},
     {"collector", run_collector, "run the collector service; export or erase its hits"},
-    {"stats", run_stats, "active users, features, versions and systems from a store"},
+    {"stats", run_stats, "active users, retention, features, adoption, versions and systems from a store"},
 };
 
 void print_usage(std::ostream& out)

@@ -16,7 +16,7 @@ namespace {
 namespace uc = usemeter_collector;
 
 const char* const usage =
-    "usemeter stats active|features|versions|systems --store URI [--product P] [--version V]\n"
+    "usemeter stats active|features|versions|systems|retention|adoption --store URI [--product P] [--version V]\n"
     "       [--since DAY] [--until DAY] [--top N] [--format table|csv|json]\n"
     "   or: usemeter stats --html FILE --store URI [--product P] [--version V] [--since DAY] [--until DAY]";
 
@@ -34,10 +34,10 @@ uc::report_kind_t kind_of(const po::variables_map& values, const stats_options_t
     if (!options.html.empty() && names.empty())
         return kind;
     if (names.size() != 1 || !options.html.empty())
-        throw usage_error("name one report (active, features, versions, systems) or give --html FILE");
+        throw usage_error("name one report (active, features, versions, systems, retention, adoption) or give --html FILE");
     if (!uc::report_kind_named(names.front(), kind))
         throw usage_error("no report named '" + names.front() +
-                          "' (active, features, versions, systems)");
+                          "' (active, features, versions, systems, retention, adoption)");
     return kind;
 }
 
