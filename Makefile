@@ -69,7 +69,7 @@ demo: build
 # tests/install/packages.sh installs, exercises and purges them (root).
 deb: deps
 	@scripts/install-deps debhelper lintian
-	@JOBS=$(JOBS) scripts/build-deb build-deb
+	@JOBS=$(JOBS) USEMETER_COLLECTOR_URL=$(USEMETER_COLLECTOR_URL) scripts/build-deb build-deb
 
 clean:
 	@rm -rf $(BUILD) build-asan build-tsan build-i386 build-fuzz build-deb

@@ -12,20 +12,22 @@ work=$(mktemp -d /tmp/usemeter-packages-XXXXXX)
 export HOME=$work/home
 unset LD_LIBRARY_PATH
 mkdir "$HOME"
-collector_pid=
+collector_pid= installed=
 apt=(apt-get -y -qq -o DPkg::Lock::Timeout=600)
 
 purge() { "${apt[@]}" purge "${packages[@]}" >/dev/null 2>&1; }
 cleanup() {
   [[ -z $collector_pid ]] || kill "$collector_pid" 2>/dev/null || true
-  purge || true
+  [[ -z $installed ]] || purge || echo "packages: purge failed; remove them by hand: dpkg --purge ${packages[*]}" >&2
   rm -rf "$work"
 }
 trap cleanup EXIT
 fail() { echo "packages: $*" >&2; exit 1; }
+[[ $(id -u) -eq 0 ]] || fail "needs root: it installs and purges packages"
 
 DEBIAN_FRONTEND=noninteractive "${apt[@]}" install --no-install-recommends \
   "$debs"/libusemeter1_*.deb "$debs"/libusemeter-dev_*.deb "$debs"/usemeter_*.deb >/dev/null
+installed=1
 version=$(dpkg-query -W -f='${Version}' usemeter)
 [[ $(usemeter --version) == "usemeter ${version%-*}" ]] || fail "usemeter --version: $(usemeter --version)"
 dpkg-query -W -f='${Conffiles}' usemeter | grep -q ' /etc/default/usemeter-collector ' \
@@ -70,7 +72,7 @@ body="v=1&tid=UA-1-1&cid=$cid&an=mytool&av=1.0&t=event&ec=run&el=mytool"
 exec 3<>"/dev/tcp/127.0.0.1/$port"
 printf 'POST /collect HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/x-www-form-urlencoded\r\nContent-Length: %d\r\nConnection: close\r\n\r\n%s' \
   "${#body}" "$body" >&3
-read -r status <&3
+read -r -t 10 status <&3 || status="no answer"
 exec 3<&-
 [[ $status == "HTTP/1.1 200"* ]] || fail "hit answered: $status"
 store=${COLLECTOR_STORE#sqlite:}
@@ -86,6 +88,7 @@ fi
 
 mapfile -t shipped < <(dpkg -L "${packages[@]}" | sort -u)
 purge
+installed=
 for path in "${shipped[@]}" /etc/default/usemeter-collector /var/lib/usemeter; do
   [[ ! -e $path || (-d $path && $path != *usemeter*) ]] || fail "left after purge: $path"
 done
