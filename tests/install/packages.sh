@@ -1,17 +1,14 @@
 #!/usr/bin/env bash
-# Installs the built Debian packages with apt and uses them as an operator and a host developer
-# would: the command, the README's C host through pkg-config and through find_package, the
-# collector run as its system user with the unit's own command line (no running systemd
-# needed). Then purges them and checks that only the system user is left, as a purge keeps it.
+# Installs the built packages with apt, uses them as a host developer and an operator would
+# (no running systemd needed), purges them and checks that only the system user is left.
 # Root; only loopback. Usage: tests/install/packages.sh [DIR]   (default build-deb)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 debs=$(cd "${1:-$root/build-deb}" && pwd)
 packages=(libusemeter1 libusemeter-dev usemeter)
 work=$(mktemp -d /tmp/usemeter-packages-XXXXXX)
-export HOME=$work/home
+export HOME=$work
 unset LD_LIBRARY_PATH
-mkdir "$HOME"
 collector_pid= installed=
 apt=(apt-get -y -qq -o DPkg::Lock::Timeout=600)
 
@@ -32,16 +29,14 @@ version=$(dpkg-query -W -f='${Version}' usemeter)
 [[ $(usemeter --version) == "usemeter ${version%-*}" ]] || fail "usemeter --version: $(usemeter --version)"
 dpkg-query -W -f='${Conffiles}' usemeter | grep -q ' /etc/default/usemeter-collector ' \
   || fail "/etc/default/usemeter-collector is not a conffile"
-[[ ! -e /etc/systemd/system/multi-user.target.wants/usemeter-collector.service ]] \
-  || fail "the service was enabled on install"
+[[ ! -e /etc/systemd/system/multi-user.target.wants/usemeter-collector.service ]] || fail "enabled on install"
 
 # The README's C host, built against the installed files only; it runs with statistics off.
 host=$root/docs/examples/host.c
 cc -std=c99 "$host" $(pkg-config --cflags --libs usemeter) -o "$work/host-pkg-config"
 mkdir "$work/cmake"
-printf '%s\n' 'cmake_minimum_required(VERSION 3.16)' 'project(host C)' \
-  'find_package(usemeter 1.5 CONFIG REQUIRED)' "add_executable(host $host)" \
-  'target_link_libraries(host PRIVATE usemeter::usemeter)' > "$work/cmake/CMakeLists.txt"
+printf 'cmake_minimum_required(VERSION 3.16)\nproject(host C)\nfind_package(usemeter 1.5 CONFIG REQUIRED)
+add_executable(host %s)\ntarget_link_libraries(host PRIVATE usemeter::usemeter)\n' "$host" >"$work/cmake/CMakeLists.txt"
 cmake -S "$work/cmake" -B "$work/cmake/build" >/dev/null && cmake --build "$work/cmake/build" >/dev/null
 for program in "$work/host-pkg-config" "$work/cmake/build/host"; do
   NORVEL_STATISTICS_DISABLE=1 "$program" </dev/null >/dev/null || fail "$program failed"
@@ -82,9 +77,7 @@ kill -TERM "$collector_pid"
 wait "$collector_pid" || fail "the collector exited $? on SIGTERM"
 collector_pid=
 
-if command -v systemd-analyze >/dev/null; then
-  systemd-analyze verify --man=no "$unit"
-fi
+! command -v systemd-analyze >/dev/null || systemd-analyze verify --man=no "$unit"
 
 mapfile -t shipped < <(dpkg -L "${packages[@]}" | sort -u)
 purge
