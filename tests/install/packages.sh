@@ -12,9 +12,9 @@ unset LD_LIBRARY_PATH
 collector_pid= installed=
 apt=(apt-get -y -qq -o DPkg::Lock::Timeout=600)
 
-purge() { "${apt[@]}" purge "${packages[@]}" >/dev/null 2>&1; }
+purge() { "${apt[@]}" purge "${packages[@]}" >"$work/apt.log" 2>&1 || { cat "$work/apt.log" >&2; false; }; }
 cleanup() {
-  [[ -z $collector_pid ]] || kill "$collector_pid" 2>/dev/null || true
+  [[ -z $collector_pid ]] || { kill "$collector_pid"; wait "$collector_pid"; } 2>/dev/null || true
   [[ -z $installed ]] || purge || echo "packages: purge failed; remove them by hand: dpkg --purge ${packages[*]}" >&2
   rm -rf "$work"
 }
@@ -55,6 +55,7 @@ service_home=$(getent passwd "$(setting User)" | cut -d: -f6)
    exec env -i PATH=/usr/bin:/bin HOME="$service_home" "${as_service[@]}" "${command_line[@]}") \
   >"$work/collector.out" 2>&1 &
 collector_pid=$!
+touch "$work/collector.out"
 for _ in $(seq 100); do
   port=$(sed -n 's|^listening on http://127\.0\.0\.1:\([0-9]*\)$|\1|p' "$work/collector.out")
   [[ -z $port ]] || break
