@@ -12,7 +12,12 @@ unset LD_LIBRARY_PATH
 collector_pid= installed=
 apt=(apt-get -y -qq -o DPkg::Lock::Timeout=600)
 
-purge() { "${apt[@]}" purge "${packages[@]}" >"$work/apt.log" 2>&1 || { cat "$work/apt.log" >&2; false; }; }
+# Only what dpkg still knows: apt cannot name a removed local package any more.
+purge() {
+  local present
+  present=$(dpkg-query -W -f='${db:Status-Status} ${Package}\n' "${packages[@]}" 2>/dev/null | awk '$1 != "not-installed" {print $2}') || true
+  [[ -z $present ]] || "${apt[@]}" purge $present >"$work/apt.log" 2>&1 || { cat "$work/apt.log" >&2; false; }
+}
 cleanup() {
   [[ -z $collector_pid ]] || { kill "$collector_pid"; wait "$collector_pid"; } 2>/dev/null || true
   [[ -z $installed ]] || purge || echo "packages: purge failed; remove them by hand: dpkg --purge ${packages[*]}" >&2
