@@ -4,7 +4,7 @@ JOBS     ?= $(shell nproc)
 GENERATE  = cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
             -DCMAKE_CXX_COMPILER_LAUNCHER=$(shell command -v ccache) $(CMAKE_ARGS)
 
-.PHONY: deps build test test-asan test-tsan test-i386 fuzz bench demo clean
+.PHONY: deps build test test-asan test-tsan test-i386 fuzz bench demo deb clean
 
 deps:
 	@scripts/install-deps
@@ -65,5 +65,11 @@ bench: deps
 demo: build
 	@scripts/demo $(BUILD)
 
+# Debian packages (libusemeter1, libusemeter-dev, usemeter) in build-deb/, checked by lintian;
+# tests/install/packages.sh installs, exercises and purges them (root).
+deb: deps
+	@scripts/install-deps debhelper lintian
+	@JOBS=$(JOBS) USEMETER_COLLECTOR_URL=$(USEMETER_COLLECTOR_URL) scripts/build-deb build-deb
+
 clean:
-	@rm -rf $(BUILD) build-asan build-tsan build-i386 build-fuzz
+	@rm -rf $(BUILD) build-asan build-tsan build-i386 build-fuzz build-deb
