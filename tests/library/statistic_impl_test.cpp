@@ -256,7 +256,6 @@ TEST_F(policy, unusable_directories_leave_a_silent_object)
         EXPECT_EQ(log.messages(), lines_t{"statistic disabled: product name '" +
                                           rtbase::escape_controls(name) + "' cannot name a directory"});
     }
-    EXPECT_FALSE(file_exists(home / "../outside") || file_exists(home / "norvel/a"));
     write_file(home / "plain", "x");
     {
         scoped_env_t home_var("HOME", (home / "plain").c_str());

@@ -33,7 +33,7 @@ std::string escaped(const std::string& text)
     return out;
 }
 
-bool has(const std::string& body, const std::string& part) { return body.find(part) != std::string::npos; }
+bool has(const std::string& body, const std::string& part) { return body.find(part) != body.npos; }
 
 class e2e : public ::testing::Test {
 protected:
