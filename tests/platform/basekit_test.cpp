@@ -1,3 +1,4 @@
+// The platform's path, and the variant bag behind every state file.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -39,8 +40,7 @@ TEST(path, append_joins_with_single_separators_and_only_real_paths_exist)
 }
 
 // The saved text is what earlier releases read; loading gives back every type, the order and
-// repeated names (the active-user detector's history shows more of that order). That any
-// loaded bag survives save and reload is the fuzz target's.
+// repeated names.
 TEST(variant_bag, saves_the_documented_xml_and_loads_back_every_type)
 {
     temp_dir_t dir;
@@ -65,8 +65,7 @@ TEST(variant_bag, saves_the_documented_xml_and_loads_back_every_type)
     EXPECT_EQ(read_file(dir / "again.xml"), read_file(path));
 }
 
-// A refused document leaves an empty bag; nothing throws. (Empty, foreign and binary documents
-// are the identifier's cases in the policy test.)
+// A refused document leaves an empty bag; nothing throws.
 TEST(variant_bag, bad_files_and_bad_places_fail_without_throwing)
 {
     const auto nested = [](int depth, bool closed) {

@@ -1,3 +1,5 @@
+// The logging layer as a host meets it: silent unless configured, records wherever the host
+// listens, scopes traced.
 #include <gtest/gtest.h>
 
 #include <cstdio>

@@ -10,6 +10,8 @@
 
 namespace usemeter_test {
 
+namespace fs = boost::filesystem;
+
 scoped_env_t::scoped_env_t(const std::string& name, const char* value) : name_(name)
 {
     const char* old = std::getenv(name.c_str());
@@ -34,7 +36,7 @@ clean_env_t::clean_env_t()
 
 temp_dir_t::temp_dir_t()
 {
-    path_ = (boost::filesystem::temp_directory_path() / "usemeter-test-XXXXXX").string();
+    path_ = (fs::temp_directory_path() / "usemeter-test-XXXXXX").string();
     if (!::mkdtemp(&path_[0]))
         throw std::runtime_error("cannot create a temporary directory");
 }
@@ -42,7 +44,7 @@ temp_dir_t::temp_dir_t()
 temp_dir_t::~temp_dir_t()
 {
     boost::system::error_code ignored;
-    boost::filesystem::remove_all(path_, ignored);
+    fs::remove_all(path_, ignored);
 }
 
 std::string read_file(const std::string& path)
@@ -58,19 +60,8 @@ void write_file(const std::string& path, const std::string& content)
         throw std::runtime_error("cannot write " + path);
 }
 
-bool file_exists(const std::string& path)
-{
-    return boost::filesystem::exists(boost::filesystem::symlink_status(path));
-}
-
-void make_dirs(const std::string& path)
-{
-    boost::filesystem::create_directories(path);
-}
-
-long count_entries(const std::string& dir)
-{
-    return std::distance(boost::filesystem::directory_iterator(dir), {});
-}
+bool file_exists(const std::string& path) { return fs::exists(fs::symlink_status(path)); }
+void make_dirs(const std::string& path) { fs::create_directories(path); }
+long count_entries(const std::string& dir) { return std::distance(fs::directory_iterator(dir), {}); }
 
 }  // namespace usemeter_test

@@ -1,6 +1,6 @@
-// One feature use end to end: host (C++ facade, backend, or the flat C entry points) ->
-// connector -> a loopback proxy named by "http_proxy" (both routes of the connector end there,
-// so nothing leaves loopback).
+// One feature use end to end: the facade, the flat C entry points and the backend, through the
+// connector to a loopback proxy named by "http_proxy" (both routes of the connector end there).
+// The feature-name grammar the facade offers hosts.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -11,11 +11,10 @@
 #include <boost/weak_ptr.hpp>
 
 #include "prodenv/fixed_locations.hpp"
-#include "support/host_double.hpp"
 #include "support/loopback_user.hpp"
 #include "tracelog/log_capture.hpp"
-#include "usemeter/sys/host_facts.hpp"
 #include "usemeter/statistic.hpp"
+#include "usemeter/sys/host_facts.hpp"
 #include "usemeter/sys/statistic_impl_ga.hpp"
 #include "usemeter/usemeter.h"
 
@@ -34,10 +33,7 @@ std::string escaped(const std::string& text)
     return out;
 }
 
-bool has(const std::string& body, const std::string& part)
-{
-    return body.find(part) != std::string::npos;
-}
+bool has(const std::string& body, const std::string& part) { return body.find(part) != body.npos; }
 
 class e2e : public ::testing::Test {
 protected:
@@ -47,7 +43,6 @@ protected:
     loopback_collector_t proxy;
     scoped_env_t proxy_var{"http_proxy", proxy.base_url().c_str()};
     std::unique_ptr<prodenv::fixed_locations_t> locations = std::make_unique<prodenv::fixed_locations_t>();
-    host_double_t host;
 
     e2e()
     {
@@ -89,9 +84,22 @@ protected:
     }
 };
 
-// In reporting order; the value is never part of a hit, the version goes raw.
+// In reporting order; the value is never part of a hit, the version goes raw. Four recent days
+// of use on record mark the user active.
 TEST_F(e2e, each_name_becomes_the_predicted_hit_or_nothing)
 {
+    std::string items;
+    for (int back = 4; back >= 1; --back) {
+        const std::time_t when = std::time(nullptr) - back * 86400;
+        std::tm d;
+        ::localtime_r(&when, &d);
+        items += "<item type=\"bag\"><Y type=\"int\">" + std::to_string(d.tm_year + 1900) +
+                 "</Y><M type=\"int\">" + std::to_string(d.tm_mon + 1) + "</M><D type=\"int\">" +
+                 std::to_string(d.tm_mday) + "</D></item>";
+    }
+    const std::string dir = home / "norvel/trovix/settings/statistic";  // the service names it
+    make_dirs(dir);
+    write_file(dir + "/last_active_dates.xml", "<bag>" + items + "</bag>");
     const std::pair<const char*, const char*> cases[] = {  // name, event fields or dropped
         {"a.b.c", "ec=a.b&el=c"}, {"a.x.y", "ec=a&el=x.y"}, {"a", "ec=a"}, {"ab", nullptr},
         {"a.", "ec=a"}, {"run.foo", "ec=run&el=foo"}, {"run.foo.bar", nullptr}, {"run.", "ec=run"},
@@ -103,7 +111,7 @@ TEST_F(e2e, each_name_becomes_the_predicted_hit_or_nothing)
     for (const auto& c : cases) {
         names.push_back(c.first);
         if (c.second)
-            tails.push_back(std::string("&t=event&") + c.second + "&cd3=n");
+            tails.push_back(std::string("&t=event&") + c.second + "&cd3=y");
     }
     std::string prefix;
     const strings_t sent = run(names, &prefix, "trovix & co", "2016 Update 1&x=y");
@@ -113,7 +121,6 @@ TEST_F(e2e, each_name_becomes_the_predicted_hit_or_nothing)
 }
 
 // Disabled collection sends nothing, but activity is still recorded and the call logged.
-// (Which settings disable it is the policy test's.)
 TEST_F(e2e, disabled_collection_sends_nothing_but_records_the_day)
 {
     scoped_env_t disable("NORVEL_STATISTICS_DISABLE", "0");
@@ -144,32 +151,12 @@ TEST_F(e2e, consent_given_at_run_time_takes_effect_at_once)
     }
     const strings_t sent = bodies();
     ASSERT_EQ(sent.size(), 1u);
-    EXPECT_TRUE(has(sent[0], "&el=after&"));
+    EXPECT_TRUE(has(sent[0], "&el=after&cd3=n"));
     EXPECT_EQ(read_file(home / "norvel/optin"), "0");
 }
 
-TEST_F(e2e, four_recent_days_of_use_mark_the_user_active)
-{
-    const std::string dir = home / "norvel/trovix/settings/statistic";
-    make_dirs(dir);
-    std::string items;
-    for (int back = 4; back >= 1; --back) {
-        const std::time_t when = std::time(nullptr) - back * 86400;
-        std::tm day;
-        ::localtime_r(&when, &day);
-        items += "<item type=\"bag\"><Y type=\"int\">" + std::to_string(day.tm_year + 1900) +
-                 "</Y><M type=\"int\">" + std::to_string(day.tm_mon + 1) + "</M><D type=\"int\">" +
-                 std::to_string(day.tm_mday) + "</D></item>";
-    }
-    write_file(dir + "/last_active_dates.xml", "<bag>" + items + "</bag>");
-    const strings_t sent = run({"run.a"});
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].substr(sent[0].size() - 6), "&cd3=y");
-}
-
 // One process-wide instance while held, versioned by the service; a guard reports entry at once
-// and exit at scope end; the guards held the last references, so the instance is gone and has
-// delivered everything; a new one on demand.
+// and exit at scope end; the last reference gone, the instance has delivered everything.
 TEST_F(e2e, facade_instance_lives_while_held_and_guards_report_entry_and_exit)
 {
     scoped_env_t force("NORVEL_FORCE_FEEDBACK", "1");
@@ -230,6 +217,16 @@ TEST_F(e2e, flat_entry_points_ask_consent_once_and_keep_one_backend_per_handle)
     EXPECT_TRUE(has(sent[0], "&an=trovix&av=2016&") && has(sent[0], "&el=first&")) << sent[0];
     EXPECT_TRUE(has(sent[1], "&an=c%20host&av=1.0&") && has(sent[1], "&el=second&")) << sent[1];
     EXPECT_TRUE(file_exists(home / "norvel/c host/settings/statistic/uuid.xml"));
+}
+
+TEST(feature_name, grammar_accepts_dotted_words_only)
+{
+    for (const char* name : {"gui.start", "analysis_type.hotspots", "a", "A1.b2.C3", "100%.done", "_", "%"})
+        EXPECT_TRUE(usemeter::statistic_t::is_feature_name_valid(name)) << name;
+    const std::string invalid[] = {"", ".", "a.", ".a", "a..b", "a b", "a-b", "a.b ", " a", "a/b", "a:b",
+                                   "caf\xc3\xa9", "\xff", std::string("a\0b", 3), "a.b\n"};
+    for (const std::string& name : invalid)
+        EXPECT_FALSE(usemeter::statistic_t::is_feature_name_valid(name)) << name;
 }
 
 }  // namespace

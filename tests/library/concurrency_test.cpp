@@ -1,7 +1,6 @@
 // Host threads meeting the library's shared state at once, for ThreadSanitizer to judge: the
-// process-wide instance, backend lifetimes around the connector's worker, one connector fed by
-// many threads (and a host thread watching its signal handler), and the bridge's identifier
-// exchange.
+// process-wide instance, backends around their workers, one connector fed by many threads, and
+// the bridge's identifier exchange.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,10 +10,9 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/thread/barrier.hpp>
 
-#include "support/fake_tool.hpp"
 #include "prodenv/fixed_locations.hpp"
+#include "support/fake_tool.hpp"
 #include "support/loopback_user.hpp"
-#include "support/temp_home.hpp"
 #include "usemeter/orb_accessor.hpp"
 #include "usemeter/statistic.hpp"
 #include "usemeter/sys/statistic_impl_ga.hpp"
@@ -44,9 +42,9 @@ void run_together(int n, Body body)
 
 class concurrency_test : public ::testing::Test, protected loopback_user_t {};
 
+// Each round one thread drops the only reference while the others ask for the instance.
 TEST_F(concurrency_test, get_races_the_release_of_the_last_reference)
 {
-    // Each round one thread drops the only reference while the others ask for the instance.
     boost::shared_ptr<usemeter::statistic_t> held = usemeter::statistic_t::get();
     const std::string uuid = held->get_uuid();
     ASSERT_EQ(uuid.size(), 36u);
@@ -70,9 +68,9 @@ TEST_F(concurrency_test, get_races_the_release_of_the_last_reference)
     EXPECT_EQ(proxy.request_count(), 0u);
 }
 
+// Every 25th backend reports once, so some destructions wait on a transfer in flight.
 TEST_F(concurrency_test, backends_come_and_go_around_their_workers)
 {
-    // Every 25th backend reports once, so some destructions wait on a transfer in flight.
     const int cycles = 1000 / slowdown;
     int reports = 0;
     for (int i = 0; i < cycles; ++i) {
@@ -85,8 +83,8 @@ TEST_F(concurrency_test, backends_come_and_go_around_their_workers)
     EXPECT_EQ(proxy.request_count(), static_cast<std::size_t>(reports));
 }
 
-// Destruction right after the last post still delivers every queued body. Meanwhile a host
-// thread sees its own SIGPIPE handler in place throughout the transfers.
+// Destruction right after the last post still delivers every queued body; a host thread sees
+// its own SIGPIPE handler in place throughout.
 TEST_F(concurrency_test, one_connector_takes_bodies_from_many_threads_in_each_threads_order)
 {
     scoped_env_t direct("http_proxy", nullptr);

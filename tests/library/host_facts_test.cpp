@@ -3,9 +3,7 @@
 
 #include <ctime>
 #include <memory>
-#include <string>
 #include <sys/time.h>
-
 
 #include "host_facts_detail.hpp"
 #include "support/temp_home.hpp"
@@ -68,7 +66,7 @@ TEST(os_name, each_release_file_is_read_as_its_format_says_in_order)
 }
 
 // The first 16 bytes of the source, raw, in order, upper case and grouped; a short or
-// unreadable source gives empty. (The form of a generated identifier is the policy test's.)
+// unreadable source gives empty.
 TEST(uuid, the_source_is_formatted_raw_and_a_short_or_unreadable_one_gives_empty)
 {
     unsigned char counting[16];

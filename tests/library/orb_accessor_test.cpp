@@ -1,11 +1,13 @@
+// The bridge to the support tools: their arguments and answers, how a run ends, where a tool
+// is found, and the identifier exchange file.
+#include <gtest/gtest.h>
+
 #include <csignal>
 #include <functional>
 #include <optional>
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 
 #include "prodenv/fixed_locations.hpp"
 #include "support/fake_tool.hpp"

@@ -1,6 +1,5 @@
 // The connector against loopback collectors: what reaches them, the candidate routes and
-// bounded destruction whatever the route does. Posting order across threads is the
-// concurrency test's.
+// bounded destruction whatever the route does.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -47,9 +46,8 @@ protected:
     }
 };
 
-// With one candidate, the first body that fails switches delivery off for good; later posts
-// send nothing. An empty body is the stop marker: nothing after it is sent. (A hanging
-// collector is the fault test's; idle connectors end in the concurrency test's cycles.)
+// With one candidate, the first body that fails switches delivery off for good. An empty body
+// is the stop marker: nothing after it is sent.
 TEST_F(http_connector, the_first_failure_or_the_stop_marker_ends_delivery)
 {
     const struct {
@@ -94,10 +92,9 @@ TEST_F(http_connector, tries_both_candidates_once_before_giving_up)
 }
 
 // The proxy fails while the route without an explicit proxy works: the connector moves there
-// and stays. For libcurl's route to be direct, "http_proxy" is unset once the worker has read
-// it, which the first request reaching the proxy proves; the proxy holds that request until
-// then. no_proxy names everything, yet the explicit candidate goes through the proxy. A
-// refused direct route is a failure like any other: nothing more is sent at all.
+// and stays. "http_proxy" is unset once the worker has read it (the first request reaching the
+// held proxy proves it), so libcurl's route is direct. no_proxy names everything, yet the
+// explicit candidate goes through the proxy. A refused direct route ends delivery.
 TEST_F(http_connector, moves_to_the_direct_route_when_the_proxy_fails_and_stays)
 {
     const struct {
