@@ -28,7 +28,7 @@ struct outcome_t {
 std::string utc_day(std::int64_t seconds);
 // "YYYY-MM-DDTHH:MM:SSZ"
 std::string utc_timestamp(std::int64_t seconds);
-// True for a well-formed "YYYY-MM-DD".
+// True for "YYYY-MM-DD" naming a day that exists (no 30 February).
 bool is_day(const std::string& text);
 
 // The export's CSV form, the same from every store: this header line, then per hit the

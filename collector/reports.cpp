@@ -17,11 +17,6 @@ const std::int64_t default_days = 30;
 const std::int64_t longest_range = 3660;
 const std::int64_t week = 7, month = 30;
 
-bool is_real_day(const std::string& text)
-{
-    return is_day(text) && day_text(day_number(text)) == text;
-}
-
 // Distinct client ids over a sliding window of days: add a day, drop the day that left.
 class window_t {
 public:
@@ -191,9 +186,9 @@ bool version_less(const std::string& a, const std::string& b)
 
 outcome_t complete_query(report_query_t& query, std::int64_t now_seconds)
 {
-    if (!query.until.empty() && !is_real_day(query.until))
+    if (!query.until.empty() && !is_day(query.until))
         return outcome_t::failure("until must be a day YYYY-MM-DD, not '" + query.until + "'");
-    if (!query.since.empty() && !is_real_day(query.since))
+    if (!query.since.empty() && !is_day(query.since))
         return outcome_t::failure("since must be a day YYYY-MM-DD, not '" + query.since + "'");
     if (query.until.empty())
         query.until = utc_day(now_seconds);

@@ -70,6 +70,7 @@ the required argument for option '--product' is missing|status --product
 --durability must be normal or full|collector --durability maybe
 --listen needs a numeric ADDR:PORT|collector --listen localhost:8080
 --since must be a day YYYY-MM-DD|collector export --store sqlite:x --since 2026-13-01
+--until must be a day YYYY-MM-DD|collector export --store sqlite:x --until 2026-02-30
 --since must be a day YYYY-MM-DD, not '2026-02-30'|stats active --since 2026-02-30
 --since 2026-03-10 is after until 2026-03-01|stats active --since 2026-03-10 --until 2026-03-01
 no report named 'nothing'|stats nothing
