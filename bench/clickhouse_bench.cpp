@@ -18,8 +18,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "collector/clickhouse_http.hpp"
-#include "collector/store_clickhouse.hpp"
+#include "collector/store/clickhouse/clickhouse_http.hpp"
+#include "collector/store/clickhouse/store_clickhouse.hpp"
 #include "support/clickhouse_server.hpp"
 
 namespace {

@@ -19,9 +19,9 @@
 #include <sqlite3.h>
 
 #include "collector/collector.hpp"
-#include "collector/generator.hpp"
-#include "collector/report_format.hpp"
-#include "collector/report_page.hpp"
+#include "collector/reports/generator.hpp"
+#include "collector/reports/report_format.hpp"
+#include "collector/reports/report_page.hpp"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "collector.hpp"
+#include "collector/collector.hpp"
 
 #include <cstring>
 #include <iostream>
@@ -9,10 +9,10 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 
-#include "commit_queue.hpp"
-#include "hit_form.hpp"
-#include "printer.hpp"
-#include "report_page.hpp"
+#include "collector/ingest/commit_queue.hpp"
+#include "collector/ingest/hit_form.hpp"
+#include "collector/ingest/printer.hpp"
+#include "collector/reports/report_page.hpp"
 
 namespace usemeter_collector {
 

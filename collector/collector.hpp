@@ -22,10 +22,10 @@
 #include <utility>
 #include <vector>
 
-#include "hit.hpp"
-#include "http_server.hpp"
-#include "metrics.hpp"
-#include "store.hpp"
+#include "collector/store/hit.hpp"
+#include "collector/ingest/http_server.hpp"
+#include "collector/ingest/metrics.hpp"
+#include "collector/store/store.hpp"
 
 namespace usemeter_collector {
 

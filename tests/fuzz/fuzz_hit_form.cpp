@@ -4,7 +4,7 @@
 // a strict UTF-8 encoder takes, and the fields a hit needs present.
 #include <nlohmann/json.hpp>
 
-#include "collector/hit_form.hpp"
+#include "collector/ingest/hit_form.hpp"
 #include "fuzz_scratch.hpp"
 
 namespace uc = usemeter_collector;

@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "collector/clickhouse_http.hpp"
+#include "collector/store/clickhouse/clickhouse_http.hpp"
 
 extern char** environ;
 

@@ -8,7 +8,7 @@
 
 
 #include "collector/collector.hpp"
-#include "collector/report_page.hpp"
+#include "collector/reports/report_page.hpp"
 #include "common.hpp"
 #include "tracelog/host_setup.hpp"
 

@@ -4,8 +4,8 @@
 #include <iostream>
 #include <string>
 
-#include "collector/generator.hpp"
-#include "collector/hit.hpp"
+#include "collector/reports/generator.hpp"
+#include "collector/store/hit.hpp"
 #include "common.hpp"
 
 namespace usemeter_tool {

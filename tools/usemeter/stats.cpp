@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "collector/report_format.hpp"
-#include "collector/report_page.hpp"
+#include "collector/reports/report_format.hpp"
+#include "collector/reports/report_page.hpp"
 #include "common.hpp"
 
 namespace usemeter_tool {

@@ -1,0 +1,400 @@
+#include "collector/reports/reports.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <map>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace usemeter_collector {
+
+namespace {
+
+const std::int64_t seconds_per_day = 86400;
+const std::int64_t default_days = 30;
+// Ten years of days is more than any store holds; anything longer is a typing error.
+const std::int64_t longest_range = 3660;
+const std::int64_t week = 7, month = 30;
+
+// Distinct client ids over a sliding window of days: add a day, drop the day that left.
+class window_t {
+public:
+    void add(const std::vector<std::size_t>& ids)
+    {
+        for (std::size_t id : ids)
+            if (count_[id]++ == 0)
+                ++distinct_;
+    }
+    void remove(const std::vector<std::size_t>& ids)
+    {
+        for (std::size_t id : ids)
+            if (--count_[id] == 0)
+                --distinct_;
+    }
+    std::int64_t distinct() const { return distinct_; }
+
+private:
+    std::unordered_map<std::size_t, int> count_;
+    std::int64_t distinct_ = 0;
+};
+
+struct day_users_t {
+    std::vector<std::size_t> ids;
+    std::int64_t active = 0, fresh = 0;
+};
+
+double share(std::int64_t part, std::int64_t whole)
+{
+    return whole == 0 ? 0.0 : std::round(10000.0 * static_cast<double>(part) /
+                                          static_cast<double>(whole)) / 10000.0;
+}
+
+// Each day's client ids once, with how many had cd3=y and how many were new that day.
+void settle_day(std::vector<std::pair<std::size_t, bool>>& seen,
+                const std::vector<std::int64_t>& first_of_id, std::int64_t offset, day_users_t& users)
+{
+    std::sort(seen.begin(), seen.end());
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+        const bool last_of_id = i + 1 == seen.size() || seen[i + 1].first != seen[i].first;
+        if (!last_of_id)
+            continue;  // sorted, so the last row of an id is active if any is
+        users.ids.push_back(seen[i].first);
+        users.active += seen[i].second ? 1 : 0;
+        users.fresh += first_of_id[seen[i].first] == offset ? 1 : 0;
+    }
+}
+
+// The user-days of since-29..until, each client id numbered once, with each day's new users.
+// A store may give a user's day more than once (per version and system) and in any order.
+outcome_t collect_user_days(report_source_t& source, const report_query_t& query,
+                            std::int64_t first, std::vector<day_users_t>& days)
+{
+    std::vector<std::pair<std::string, std::string>> firsts;
+    if (outcome_t found = source.first_days(query, firsts); !found)
+        return found;
+    std::unordered_map<std::string, std::size_t> ids;
+    std::vector<std::int64_t> first_of_id;  // by id; -1: before the range
+    auto id_of = [&](const std::string& cid) {
+        const auto added = ids.emplace(cid, ids.size());
+        if (added.second)
+            first_of_id.push_back(-1);
+        return added.first->second;
+    };
+    for (const auto& [cid, day] : firsts)
+        first_of_id[id_of(cid)] = day_number(day) - first;
+    const auto length = static_cast<std::size_t>(day_number(query.until) - first + 1);
+    std::vector<std::vector<std::pair<std::size_t, bool>>> seen(length);
+    outcome_t read = source.user_days(query, day_text(first), query.until,
+                                      [&](const std::string& day, const std::string& cid, bool active) {
+        const std::int64_t offset = day_number(day) - first;
+        if (offset >= 0 && offset < static_cast<std::int64_t>(length))
+            seen[static_cast<std::size_t>(offset)].emplace_back(id_of(cid), active);
+    });
+    if (!read)
+        return read;
+    days.assign(length, {});
+    for (std::size_t offset = 0; offset < length; ++offset)
+        settle_day(seen[offset], first_of_id, static_cast<std::int64_t>(offset), days[offset]);
+    return {};
+}
+
+// Hits and distinct client ids per category (label none) and per category and label.
+outcome_t count_features(report_source_t& source, const report_query_t& query,
+                         std::vector<feature_row_t>& rows)
+{
+    struct tally_t {
+        std::int64_t hits = 0;
+        std::unordered_set<std::size_t> users;
+    };
+    std::map<std::pair<std::string, std::optional<std::string>>, tally_t> tallies;
+    std::unordered_map<std::string, std::size_t> ids;
+    outcome_t read = source.feature_uses(query, [&](const std::string& category, const std::string& label,
+                                                    const std::string& cid, std::int64_t hits) {
+        const std::size_t id = ids.emplace(cid, ids.size()).first->second;
+        for (tally_t* tally : {&tallies[{category, std::nullopt}], &tallies[{category, label}]}) {
+            tally->hits += hits;
+            tally->users.insert(id);
+        }
+    });
+    for (const auto& [key, tally] : tallies)
+        rows.push_back({key.first, key.second, tally.hits, static_cast<std::int64_t>(tally.users.size())});
+    return read;
+}
+
+// Digit runs compare as numbers, everything else as text.
+int compare_versions(const std::string& a, const std::string& b)
+{
+    std::size_t i = 0, j = 0;
+    auto digit = [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; };
+    while (i < a.size() && j < b.size()) {
+        if (digit(a[i]) && digit(b[j])) {
+            std::size_t ie = i, je = j;
+            while (ie < a.size() && digit(a[ie])) ++ie;
+            while (je < b.size() && digit(b[je])) ++je;
+            const std::string x = a.substr(i, ie - i), y = b.substr(j, je - j);
+            const std::string xs = x.substr(std::min(x.find_first_not_of('0'), x.size()));
+            const std::string ys = y.substr(std::min(y.find_first_not_of('0'), y.size()));
+            if (xs.size() != ys.size())
+                return xs.size() < ys.size() ? -1 : 1;
+            if (xs != ys)
+                return xs < ys ? -1 : 1;
+            i = ie;
+            j = je;
+        } else {
+            if (a[i] != b[j])
+                return a[i] < b[j] ? -1 : 1;
+            ++i;
+            ++j;
+        }
+    }
+    if (a.size() - i != b.size() - j)
+        return a.size() - i < b.size() - j ? -1 : 1;
+    return a < b ? -1 : (b < a ? 1 : 0);
+}
+
+}  // namespace
+
+std::int64_t day_number(const std::string& day)
+{
+    // Days since 1970-01-01 of a proleptic Gregorian date (H. Hinnant's days_from_civil).
+    std::int64_t y = std::stoll(day.substr(0, 4));
+    const std::int64_t m = std::stoll(day.substr(5, 2)), d = std::stoll(day.substr(8, 2));
+    y -= m <= 2;
+    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const std::int64_t yoe = y - era * 400;
+    const std::int64_t doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+    const std::int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    return era * 146097 + doe - 719468;
+}
+
+std::string day_text(std::int64_t number)
+{
+    return utc_day(number * seconds_per_day);
+}
+
+std::int64_t monday_of(std::int64_t day)
+{
+    // 1970-01-01 was a Thursday: day 0 is 3 days after its week's Monday.
+    return day - ((day + 3) % 7 + 7) % 7;
+}
+
+bool version_less(const std::string& a, const std::string& b)
+{
+    return compare_versions(a, b) < 0;
+}
+
+outcome_t complete_query(report_query_t& query, std::int64_t now_seconds)
+{
+    if (!query.until.empty() && !is_day(query.until))
+        return outcome_t::failure("until must be a day YYYY-MM-DD, not '" + query.until + "'");
+    if (!query.since.empty() && !is_day(query.since))
+        return outcome_t::failure("since must be a day YYYY-MM-DD, not '" + query.since + "'");
+    if (query.until.empty())
+        query.until = utc_day(now_seconds);
+    if (query.since.empty())
+        query.since = day_text(day_number(query.until) - (default_days - 1));
+    const std::int64_t length = day_number(query.until) - day_number(query.since) + 1;
+    if (length < 1)
+        return outcome_t::failure("since " + query.since + " is after until " + query.until);
+    if (length > longest_range)
+        return outcome_t::failure("the range is longer than " + std::to_string(longest_range) +
+                                  " days");
+    return {};
+}
+
+bool parse_top(const std::string& text, std::size_t& top)
+{
+    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    top = std::stoul(text);
+    return true;
+}
+
+outcome_t active_report(report_source_t& source, const report_query_t& query,
+                        std::vector<active_day_t>& days)
+{
+    const std::int64_t first = day_number(query.since) - (month - 1);
+    std::vector<day_users_t> user_days;
+    if (outcome_t collected = collect_user_days(source, query, first, user_days); !collected)
+        return collected;
+    window_t weekly, monthly;
+    days.clear();
+    for (std::size_t t = 0; t < user_days.size(); ++t) {
+        weekly.add(user_days[t].ids);
+        monthly.add(user_days[t].ids);
+        if (t >= week)
+            weekly.remove(user_days[t - week].ids);
+        if (t >= month)
+            monthly.remove(user_days[t - month].ids);
+        if (t < month - 1)
+            continue;
+        const day_users_t& today = user_days[t];
+        const auto dau = static_cast<std::int64_t>(today.ids.size());
+        days.push_back({day_text(first + static_cast<std::int64_t>(t)), dau, weekly.distinct(),
+                        monthly.distinct(), today.fresh, share(today.active, dau),
+                        share(dau, monthly.distinct())});
+    }
+    return {};
+}
+
+outcome_t features_report(report_source_t& source, const report_query_t& query,
+                          std::vector<feature_row_t>& rows)
+{
+    std::vector<feature_row_t> found;
+    if (outcome_t counted = count_features(source, query, found); !counted)
+        return counted;
+    std::map<std::string, std::int64_t> category_hits;
+    for (const feature_row_t& row : found)
+        if (!row.label)
+            category_hits[row.category] = row.hits;
+    auto ranked = [&](const feature_row_t& a, const feature_row_t& b) {
+        const std::int64_t ha = category_hits[a.category], hb = category_hits[b.category];
+        if (ha != hb)
+            return ha > hb;
+        if (a.category != b.category)
+            return a.category < b.category;
+        if (a.label.has_value() != b.label.has_value())
+            return !a.label.has_value();
+        if (a.hits != b.hits)
+            return a.hits > b.hits;
+        return a.label < b.label;
+    };
+    std::sort(found.begin(), found.end(), ranked);
+    rows.clear();
+    std::size_t categories = 0;
+    for (feature_row_t& row : found) {
+        if (!row.label && query.top != 0 && ++categories > query.top)
+            break;
+        rows.push_back(std::move(row));
+    }
+    return {};
+}
+
+outcome_t weekly_trend(report_source_t& source, const report_query_t& query,
+                       const std::vector<feature_row_t>& rows, std::vector<trend_row_t>& trend)
+{
+    const auto monday = monday_of;
+    const std::int64_t first = monday(day_number(query.since));
+    const auto weeks = static_cast<std::size_t>((monday(day_number(query.until)) - first) / 7 + 1);
+    std::map<std::string, std::vector<std::int64_t>> hits;
+    for (const feature_row_t& row : rows)
+        if (!row.label)
+            hits[row.category].assign(weeks, 0);
+    const outcome_t read = source.category_days(query, [&](const std::string& day, const std::string& category,
+                                                             std::int64_t count) {
+        const auto found = hits.find(category);
+        if (found != hits.end())
+            found->second[static_cast<std::size_t>((monday(day_number(day)) - first) / 7)] += count;
+    });
+    trend.clear();
+    for (const feature_row_t& row : rows)
+        for (std::size_t week = 0; !row.label && week < weeks; ++week)
+            trend.push_back({day_text(first + 7 * static_cast<std::int64_t>(week)), row.category,
+                             hits[row.category][week]});
+    return read;
+}
+
+outcome_t versions_report(report_source_t& source, const report_query_t& query,
+                          std::vector<version_row_t>& rows)
+{
+    if (outcome_t answered = source.versions(query, rows); !answered)
+        return answered;
+    std::sort(rows.begin(), rows.end(), [](const version_row_t& a, const version_row_t& b) {
+        return a.day != b.day ? a.day < b.day : version_less(a.version, b.version);
+    });
+    return {};
+}
+
+outcome_t newest_version(report_source_t& source, const report_query_t& query,
+                         const std::vector<version_row_t>& rows, std::optional<newest_version_t>& newest)
+{
+    newest.reset();
+    if (rows.empty() || rows.back().day != query.until)
+        return {};
+    std::unordered_set<std::string> users;
+    const outcome_t read = source.user_days(query, query.until, query.until,
+                                            [&](const std::string&, const std::string& cid, bool) { users.insert(cid); });
+    const auto dau = static_cast<std::int64_t>(users.size());
+    if (read)
+        newest = newest_version_t{query.until, rows.back().version, rows.back().users, dau,
+                                  share(rows.back().users, dau)};
+    return read;
+}
+
+outcome_t retention_report(report_source_t& source, const report_query_t& query,
+                           std::vector<cohort_t>& cohorts)
+{
+    report_query_t weeks_query = query;
+    weeks_query.version.clear();
+    const std::int64_t first = monday_of(day_number(query.since));
+    weeks_query.since = day_text(first);
+    const auto weeks = static_cast<std::size_t>((monday_of(day_number(query.until)) - first) / week + 1);
+    std::vector<std::pair<std::string, std::string>> firsts;
+    if (outcome_t found = source.first_days(weeks_query, firsts); !found)
+        return found;
+    // Each member numbered, and each (member, week) counted once however many days it covers.
+    struct member_t {
+        std::size_t id, cohort;
+    };
+    std::unordered_map<std::string, member_t> members;
+    for (const auto& [cid, day] : firsts)
+        members.emplace(cid, member_t{members.size(), static_cast<std::size_t>((day_number(day) - first) / week)});
+    std::unordered_set<std::uint64_t> returned;  // 64 bits even on i386: ids times weeks
+    cohorts.assign(weeks, {});
+    for (std::size_t w = 0; w < weeks; ++w) {
+        cohorts[w].week = day_text(first + week * static_cast<std::int64_t>(w));
+        cohorts[w].returning.assign(weeks - w, 0);
+    }
+    const outcome_t read = source.user_days(weeks_query, weeks_query.since, query.until,
+                                            [&](const std::string& day, const std::string& cid, bool) {
+        const auto member = members.find(cid);
+        const auto in_week = static_cast<std::size_t>((day_number(day) - first) / week);
+        if (member == members.end() || in_week >= weeks || in_week < member->second.cohort ||
+            !returned.insert(std::uint64_t{member->second.id} * weeks + in_week).second)
+            return;
+        ++cohorts[member->second.cohort].returning[in_week - member->second.cohort];
+    });
+    for (cohort_t& cohort : cohorts)
+        cohort.users = cohort.returning.front();
+    return read;
+}
+
+outcome_t adoption_report(report_source_t& source, const report_query_t& query,
+                          std::vector<adoption_row_t>& rows)
+{
+    std::map<std::string, std::unordered_set<std::string>> version_users;
+    std::map<std::pair<std::string, std::string>, std::unordered_set<std::string>> category_users;
+    const outcome_t read = source.version_categories(query, [&](const std::string& version, const std::string& category,
+                                                                const std::string& cid) {
+        version_users[version].insert(cid);
+        category_users[{version, category}].insert(cid);
+    });
+    if (!read)
+        return read;
+    rows.clear();
+    for (const auto& [key, users] : category_users) {
+        const auto count = static_cast<std::int64_t>(users.size());
+        rows.push_back({key.first, key.second, count,
+                        share(count, static_cast<std::int64_t>(version_users[key.first].size()))});
+    }
+    std::sort(rows.begin(), rows.end(), [](const adoption_row_t& a, const adoption_row_t& b) {
+        if (a.version != b.version)
+            return version_less(a.version, b.version);
+        return a.users != b.users ? a.users > b.users : a.category < b.category;
+    });
+    return {};
+}
+
+outcome_t systems_report(report_source_t& source, const report_query_t& query,
+                         std::vector<system_row_t>& rows)
+{
+    if (outcome_t answered = source.systems(query, rows); !answered)
+        return answered;
+    std::sort(rows.begin(), rows.end(), [](const system_row_t& a, const system_row_t& b) {
+        return a.users != b.users ? a.users > b.users : a.system < b.system;
+    });
+    return {};
+}
+
+}  // namespace usemeter_collector

@@ -1,0 +1,143 @@
+// The reports' questions answered by ClickHouse from the hits table itself: ClickHouse groups
+// the hits into user-days and feature uses, so only those travel, not the hits.
+//
+// A batch sent again after a lost acknowledgement may be stored twice until a merge drops the
+// copy. A copy never adds a client id or a day, so only hit counts need care: they read the
+// table FINAL, which merges the copies of a key (collector, seq) as the query reads them
+// (measured faster than counting distinct keys per group).
+//
+// Every call has its own connection, so the collector's threads may share one source.
+#include <atomic>
+
+#include "collector/store/clickhouse/clickhouse_http.hpp"
+#include "collector/reports/reports.hpp"
+#include "collector/store/clickhouse/store_clickhouse.hpp"
+
+namespace usemeter_collector {
+
+namespace {
+
+using row_t = std::vector<std::string>;
+
+std::string date(const std::string& day)
+{
+    return "toDate(" + sql_quoted(day) + ")";
+}
+
+// The query's product and version, and the days first..last.
+std::string matching(const report_query_t& query, const std::string& first, const std::string& last)
+{
+    std::string condition = "day BETWEEN " + date(first) + " AND " + date(last);
+    if (!query.product.empty())
+        condition += " AND an = " + sql_quoted(query.product);
+    if (!query.version.empty())
+        condition += " AND av = " + sql_quoted(query.version);
+    return condition;
+}
+
+bool is_count(const std::string& text)
+{
+    return !text.empty() && text.size() < 19 && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+class clickhouse_report_source_t : public report_source_t {
+public:
+    explicit clickhouse_report_source_t(clickhouse_address_t address)
+        : address_(std::move(address)), table_(clickhouse_hits_table(address_.database))
+    {
+    }
+
+    outcome_t user_days(const report_query_t& query, const std::string& first,
+                        const std::string& last, const user_day_sink_t& sink) override
+    {
+        return select("SELECT day, cid, max(cd3 = 'y') FROM " + table_ + " WHERE " +
+                          matching(query, first, last) + " GROUP BY day, cid",
+                      3, [&](const row_t& row) { sink(row[0], row[1], row[2] == "1"); });
+    }
+
+    outcome_t first_days(const report_query_t& query,
+                         std::vector<std::pair<std::string, std::string>>& firsts) override
+    {
+        const std::string product = query.product.empty() ? "1" : "an = " + sql_quoted(query.product);
+        return select("SELECT cid, toString(min(day)) FROM " + table_ + " WHERE " + product +
+                          " GROUP BY cid HAVING min(day) BETWEEN " + date(query.since) + " AND " +
+                          date(query.until),
+                      2, [&](const row_t& row) { firsts.emplace_back(row[0], row[1]); }, false);
+    }
+
+    outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) override
+    {
+        return select("SELECT ec, el, cid, count() FROM " + table_ + " FINAL WHERE " +
+                          matching(query, query.since, query.until) + " GROUP BY ec, el, cid",
+                      4, [&](const row_t& row) { sink(row[0], row[1], row[2], std::stoll(row[3])); });
+    }
+
+    outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) override
+    {
+        return select("SELECT day, ec, count() FROM " + table_ + " FINAL WHERE " +
+                          matching(query, query.since, query.until) + " GROUP BY day, ec",
+                      3, [&](const row_t& row) { sink(row[0], row[1], std::stoll(row[2])); });
+    }
+
+    outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
+    {
+        return select("SELECT day, av, uniqExact(cid) FROM " + table_ + " WHERE " +
+                          matching(query, query.since, query.until) + " GROUP BY day, av",
+                      3, [&](const row_t& row) { rows.push_back({row[0], row[1], std::stoll(row[2])}); });
+    }
+
+    outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) override
+    {
+        return select("SELECT cd2, uniqExact(cid) FROM " + table_ + " WHERE " +
+                          matching(query, query.since, query.until) + " GROUP BY cd2",
+                      2, [&](const row_t& row) { rows.push_back({row[0], std::stoll(row[1])}); });
+    }
+
+    // From the hits until the aggregates answer it.
+    outcome_t version_categories(const report_query_t& query, const version_category_sink_t& sink) override
+    {
+        return select("SELECT av, ec, cid FROM " + table_ + " WHERE " + matching(query, query.since, query.until) +
+                          " GROUP BY av, ec, cid",
+                      3, [&](const row_t& row) { sink(row[0], row[1], row[2]); }, false);
+    }
+
+private:
+    // Runs a SELECT and hands each row to take, once it has the expected width and (unless
+    // ends_in_count is false) a count in its last column. The schema is created
+    // first, so that a collector whose forwarder has not reached ClickHouse yet reports zeros.
+    template <typename take_fn>
+    outcome_t select(const std::string& statement, std::size_t columns, take_fn take, bool ends_in_count = true)
+    {
+        clickhouse_http_t http(address_.server);
+        std::string result;
+        outcome_t outcome = schema_ready_ ? outcome_t() : create_clickhouse_schema(http, address_.database);
+        schema_ready_ = schema_ready_ || outcome.ok;
+        if (outcome)
+            outcome = http.run(statement + " FORMAT TabSeparated", std::string(), &result);
+        if (!outcome)
+            return outcome_t::failure("cannot read the report from ClickHouse: " + outcome.error);
+        bool shaped = true;
+        each_tsv_row(result, [&](const row_t& row) {
+            shaped = shaped && row.size() == columns && (!ends_in_count || is_count(row.back()));
+            if (shaped)
+                take(row);
+        });
+        return shaped ? outcome_t() : outcome_t::failure("ClickHouse answered rows of an unexpected shape");
+    }
+
+    const clickhouse_address_t address_;
+    const std::string table_;
+    std::atomic<bool> schema_ready_{false};
+};
+
+}  // namespace
+
+std::unique_ptr<report_source_t> open_clickhouse_report_source(const std::string& uri, std::string& error)
+{
+    clickhouse_address_t address;
+    if (!parse_clickhouse_uri(uri, address, error))
+        return nullptr;
+    return std::make_unique<clickhouse_report_source_t>(std::move(address));
+}
+
+}  // namespace usemeter_collector

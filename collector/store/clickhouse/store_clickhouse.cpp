@@ -1,0 +1,359 @@
+#include "collector/store/clickhouse/store_clickhouse.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+
+#include "collector/store/clickhouse/clickhouse_http.hpp"
+#include "collector/store/sqlite/spool_sqlite.hpp"
+
+namespace usemeter_collector {
+
+namespace {
+
+log4cplus::Logger logger()
+{
+    return log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("usemeter.collector"));
+}
+
+const char* const hit_columns = "collector, seq, received, day, tid, cid, an, av, cd1, cd2, cd3, ec, el";
+
+// Partitions by month, so that retention drops whole months cheaply; sorted for the reports,
+// which all filter on product and day; (collector, seq) last makes the key one hit's own.
+std::string create_table_sql(const std::string& table)
+{
+    return "CREATE TABLE IF NOT EXISTS " + table +
+           " (collector String, seq UInt64, received Int64, day Date, tid String, cid String,"
+           " an String, av String, cd1 String, cd2 String, cd3 String, ec String, el String)"
+           " ENGINE = ReplacingMergeTree() PARTITION BY toYYYYMM(day)"
+           " ORDER BY (an, day, collector, seq)";
+}
+
+// Hits read from the spool, and their rows for an insert.
+struct batch_t {
+    std::vector<spooled_hit_t> hits;
+    std::string rows;
+};
+
+// The rows of hits[first...].
+std::string tsv_rows(const std::string& instance, const std::vector<spooled_hit_t>& hits, std::size_t first)
+{
+    std::string rows;
+    rows.reserve((hits.size() - first) * 160);
+    for (std::size_t i = first; i < hits.size(); ++i) {
+        const spooled_hit_t& spooled = hits[i];
+        const hit_t& hit = spooled.hit;
+        rows += instance + '\t' + std::to_string(spooled.seq) + '\t' + std::to_string(hit.received) +
+                '\t' + utc_day(hit.received);
+        for (const std::string* field : {&hit.tid, &hit.cid, &hit.an, &hit.av, &hit.cd1, &hit.cd2,
+                                         &hit.cd3, &hit.ec, &hit.el}) {
+            rows += '\t';
+            append_tsv_field(rows, *field);
+        }
+        rows += '\n';
+    }
+    return rows;
+}
+
+std::string day_range_condition(const std::string& since, const std::string& until)
+{
+    std::string condition = "1";
+    if (!since.empty())
+        condition += " AND day >= toDate(" + sql_quoted(since) + ")";
+    if (!until.empty())
+        condition += " AND day <= toDate(" + sql_quoted(until) + ")";
+    return condition;
+}
+
+class clickhouse_store_t : public store_t {
+public:
+    clickhouse_store_t(clickhouse_options_t options, clickhouse_address_t address,
+                       std::unique_ptr<spool_t> spool)
+        : options_(std::move(options)), address_(std::move(address)),
+          table_(clickhouse_hits_table(address_.database)), spool_(std::move(spool))
+    {
+        if (spool_)
+            forwarder_ = std::thread([this] { forward_loop(); });
+    }
+
+    ~clickhouse_store_t() override
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        if (forwarder_.joinable())
+            forwarder_.join();
+    }
+
+    outcome_t append(const std::vector<hit_t>& hits) override
+    {
+        if (!spool_)
+            return outcome_t::failure("this ClickHouse store was opened without a spool");
+        if (spool_->size() + static_cast<std::int64_t>(hits.size()) >
+            static_cast<std::int64_t>(options_.spool_max_hits)) {
+            refused_ += hits.size();
+            return outcome_t::failure("the spool is full: " + std::to_string(spool_->size()) +
+                                      " hits wait for ClickHouse (--spool-max-hits " +
+                                      std::to_string(options_.spool_max_hits) + ")");
+        }
+        const outcome_t outcome = spool_->append(hits);
+        if (outcome)
+            wake_.notify_one();
+        return outcome;
+    }
+
+    outcome_t export_csv(std::ostream& out, const std::string& since,
+                         const std::string& until) override
+    {
+        std::string result;
+        clickhouse_http_t http(address_.server);
+        outcome_t outcome = create_clickhouse_schema(http, address_.database);
+        if (outcome)
+            outcome = http.run("SELECT received, tid, cid, an, av, cd1, cd2, cd3, ec, el FROM " + table_ +
+                         " WHERE " + day_range_condition(since, until) +
+                         " ORDER BY received, collector, seq LIMIT 1 BY collector, seq"
+                         " FORMAT TabSeparated",
+                     std::string(), &result);
+        if (!outcome)
+            return outcome;
+        out << export_csv_header;
+        for (const auto& row : parse_tsv(result)) {
+            out << utc_timestamp(std::stoll(row.at(0)));
+            for (std::size_t column = 1; column < row.size(); ++column) {
+                out << ',';
+                write_csv_field(out, row[column]);
+            }
+            out << '\n';
+        }
+        return {};
+    }
+
+    outcome_t erase_client(const std::string& cid, std::int64_t& erased) override
+    {
+        return erase_where("cid = " + sql_quoted(cid), erased);
+    }
+
+    outcome_t erase_before(const std::string& first_kept_day, std::int64_t& erased) override
+    {
+        return erase_where("day < toDate(" + sql_quoted(first_kept_day) + ")", erased);
+    }
+
+    std::int64_t backlog() const override { return spool_ ? spool_->size() : 0; }
+
+    std::string metrics_text() const override
+    {
+        std::ostringstream out;
+        out << "# HELP usemeter_spool_hits Hits committed to the spool, not yet acknowledged by ClickHouse.\n"
+            << "# TYPE usemeter_spool_hits gauge\n"
+            << "usemeter_spool_hits " << backlog() << "\n"
+            << "# HELP usemeter_spool_max_hits The spool's bound; past it hits are answered 503.\n"
+            << "# TYPE usemeter_spool_max_hits gauge\n"
+            << "usemeter_spool_max_hits " << options_.spool_max_hits << "\n"
+            << "# HELP usemeter_spool_refused_hits_total Hits answered 503 because the spool was full.\n"
+            << "# TYPE usemeter_spool_refused_hits_total counter\n"
+            << "usemeter_spool_refused_hits_total " << refused_ << "\n"
+            << "# HELP usemeter_forwarded_hits_total Hits ClickHouse acknowledged.\n"
+            << "# TYPE usemeter_forwarded_hits_total counter\n"
+            << "usemeter_forwarded_hits_total " << forwarded_ << "\n"
+            << "# HELP usemeter_forward_failures_total Inserts into ClickHouse that failed and wait for a retry.\n"
+            << "# TYPE usemeter_forward_failures_total counter\n"
+            << "usemeter_forward_failures_total " << forward_failures_ << "\n";
+        return out.str();
+    }
+
+private:
+    // Sends batches while there are hits: full ones at once, a remainder after the time bound.
+    // A failed batch stays in the spool and is sent again whole after a pause. On stop, one
+    // last attempt; whatever fails then stays for the next start.
+    void forward_loop()
+    {
+        clickhouse_http_t http(address_.server);
+        std::chrono::milliseconds pause{100};
+        bool failing = false;
+        for (bool last = false; !last;) {
+            last = failing ? sleep_unless_stopped(pause) : wait_for_batch();
+            outcome_t outcome;
+            while (spool_->size() > 0 && outcome) {
+                outcome = forward_batch(http);
+                note_outcome(outcome, failing);
+                if (!last && spool_->size() < static_cast<std::int64_t>(options_.batch_rows))
+                    break;
+            }
+            pause = outcome ? std::chrono::milliseconds(100) : std::min(pause * 2, options_.retry_max);
+        }
+    }
+
+    // Until a full batch waits or the time bound has passed; true once stopping.
+    bool wait_for_batch()
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        wake_.wait_for(lock, options_.batch_wait, [&] {
+            return stopping_ || spool_->size() >= static_cast<std::int64_t>(options_.batch_rows);
+        });
+        return stopping_;
+    }
+
+    bool sleep_unless_stopped(std::chrono::milliseconds pause)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        wake_.wait_for(lock, pause, [&] { return stopping_; });
+        return stopping_;
+    }
+
+    // Sends the oldest batch. While ClickHouse inserts it, the next one is read and formatted,
+    // so that the spool's share of the time hides behind the insert's.
+    outcome_t forward_batch(clickhouse_http_t& http)
+    {
+        if (!schema_ready_) {
+            const outcome_t created = create_clickhouse_schema(http, address_.database);
+            if (!created)
+                return created;
+            schema_ready_ = true;
+        }
+        batch_t batch = std::move(next_);
+        next_ = batch_t();
+        outcome_t outcome = top_up(batch, 0);
+        if (!outcome || batch.hits.empty())
+            return outcome;
+        if (!fault_allows(forward_step_t::send))
+            return outcome_t::failure("injected fault before sending");
+        auto insert = std::async(std::launch::async, [&] {
+            return http.run("INSERT INTO " + table_ + " (" + hit_columns + ") FORMAT TabSeparated", batch.rows);
+        });
+        top_up(next_, batch.hits.back().seq);
+        outcome = insert.get();
+        if (outcome && !fault_allows(forward_step_t::acknowledged))
+            outcome = outcome_t::failure("injected fault: the acknowledgement was lost");
+        if (outcome)
+            outcome = spool_->remove_through(batch.hits.back().seq);
+        if (!outcome) {
+            next_ = batch_t();  // sent again whole, from the oldest hit on
+            return outcome;
+        }
+        forwarded_ += batch.hits.size();
+        return outcome;
+    }
+
+    // Fills batch up to batch_rows with the hits after its last (or after seq when empty).
+    outcome_t top_up(batch_t& batch, std::int64_t seq)
+    {
+        const std::size_t had = batch.hits.size();
+        if (had >= options_.batch_rows)
+            return {};
+        const outcome_t outcome = spool_->read_after(had ? batch.hits.back().seq : seq,
+                                                     options_.batch_rows - had, batch.hits);
+        if (!outcome)
+            batch = batch_t();
+        else
+            batch.rows += tsv_rows(spool_->instance(), batch.hits, had);
+        return outcome;
+    }
+
+    bool fault_allows(forward_step_t step) const { return !options_.fault || options_.fault(step); }
+
+    // One record when ClickHouse stops taking hits and one when it takes them again.
+    void note_outcome(const outcome_t& outcome, bool& failing)
+    {
+        if (!outcome)
+            ++forward_failures_;
+        if (outcome.ok != failing)
+            return;
+        failing = !outcome.ok;
+        if (failing)
+            LOG4CPLUS_WARN(logger(), "ClickHouse does not take hits; they wait in the spool ("
+                                         << spool_->size() << " now) and are sent again: " << outcome.error);
+        else
+            LOG4CPLUS_WARN(logger(), "ClickHouse takes hits again; " << spool_->size()
+                                                                      << " wait in the spool");
+    }
+
+    // Mutations run in the background; the count and the removal are done once the
+    // mutation is, so the number printed is the number gone.
+    outcome_t erase_where(const std::string& condition, std::int64_t& erased)
+    {
+        clickhouse_http_t http(address_.server);
+        std::string result;
+        outcome_t outcome = create_clickhouse_schema(http, address_.database);
+        if (outcome)
+            outcome = http.run("SELECT uniqExact(collector, seq) FROM " + table_ + " WHERE " +
+                                         condition + " FORMAT TabSeparated",
+                                     std::string(), &result);
+        if (!outcome)
+            return outcome;
+        erased = std::stoll(result);
+        if (erased == 0)
+            return {};
+        if (!(outcome = http.run("ALTER TABLE " + table_ + " DELETE WHERE " + condition)))
+            return outcome;
+        return wait_for_mutations(http);
+    }
+
+    outcome_t wait_for_mutations(clickhouse_http_t& http)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(10);
+        for (;;) {
+            std::string pending;
+            const outcome_t outcome = http.run(
+                "SELECT count() FROM system.mutations WHERE database = " +
+                    sql_quoted(address_.database) + " AND table = 'hits' AND is_done = 0 FORMAT TabSeparated",
+                std::string(), &pending);
+            if (!outcome || std::stoll(pending) == 0)
+                return outcome;
+            if (std::chrono::steady_clock::now() > deadline)
+                return outcome_t::failure("ClickHouse has not finished deleting after 10 minutes;"
+                                          " it goes on in the background");
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+
+    const clickhouse_options_t options_;
+    const clickhouse_address_t address_;
+    const std::string table_;
+    std::unique_ptr<spool_t> spool_;
+    bool schema_ready_ = false;  // the forwarder's own, like next_
+    batch_t next_;
+    std::atomic<std::uint64_t> refused_{0};
+    std::atomic<std::uint64_t> forwarded_{0};
+    std::atomic<std::uint64_t> forward_failures_{0};
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    std::thread forwarder_;
+};
+
+}  // namespace
+
+std::string clickhouse_hits_table(const std::string& database)
+{
+    return database + ".hits";
+}
+
+outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& database)
+{
+    const outcome_t created = http.run("CREATE DATABASE IF NOT EXISTS " + database);
+    return created ? http.run(create_table_sql(clickhouse_hits_table(database))) : created;
+}
+
+std::unique_ptr<store_t> open_clickhouse_store(const clickhouse_options_t& options, std::string& error)
+{
+    clickhouse_address_t address;
+    if (!parse_clickhouse_uri(options.uri, address, error))
+        return nullptr;
+    std::unique_ptr<spool_t> spool;
+    if (!options.spool.empty() && !(spool = spool_t::open(options.spool, options.durability, error)))
+        return nullptr;
+    return std::make_unique<clickhouse_store_t>(options, std::move(address), std::move(spool));
+}
+
+}  // namespace usemeter_collector

@@ -1,0 +1,196 @@
+// The reports' questions answered by the SQLite store's rollups (user_days, feature_days,
+// first_seen), never by the hits table. One read-only connection, one query at a time.
+#include <mutex>
+
+#include <sqlite3.h>
+
+#include "collector/reports/reports.hpp"
+
+namespace usemeter_collector {
+
+namespace {
+
+// The product and version filters, as the rollup tables name them; values are always bound.
+// The rollups' keys begin (an, day): naming every product when none is asked for lets SQLite
+// seek to the range of days in each, instead of reading every day of every product.
+std::string filters(const report_query_t& query)
+{
+    std::string sql = " day BETWEEN :first AND :last";
+    sql += query.product.empty() ? " AND an IN (SELECT DISTINCT an FROM first_seen)" : " AND an = :an";
+    if (!query.version.empty())
+        sql += " AND av = :av";
+    return sql;
+}
+
+const std::string user_days_sql =
+    "SELECT day, cid, active FROM user_days WHERE%F";
+const std::string first_days_sql =
+    "SELECT cid, min(day) AS first FROM first_seen %P GROUP BY cid"
+    " HAVING first BETWEEN :first AND :last";
+const std::string features_sql = "SELECT ec, el, cid, hits FROM feature_days WHERE%F";
+const std::string category_days_sql =
+    "SELECT day, ec, sum(hits) FROM feature_days WHERE%F GROUP BY day, ec";
+const std::string versions_sql =
+    "SELECT day, av, count(DISTINCT cid) FROM user_days WHERE%F GROUP BY day, av";
+const std::string version_categories_sql = "SELECT DISTINCT av, ec, cid FROM feature_days WHERE%F";
+const std::string systems_sql =
+    "SELECT cd2, count(DISTINCT cid) FROM user_days WHERE%F GROUP BY cd2";
+
+std::string with_filters(std::string sql, const report_query_t& query)
+{
+    for (std::size_t at; (at = sql.find("%F")) != std::string::npos;)
+        sql.replace(at, 2, filters(query));
+    if (const std::size_t at = sql.find("%P"); at != std::string::npos)
+        sql.replace(at, 2, query.product.empty() ? "" : "WHERE an = :an");
+    return sql;
+}
+
+class query_t {
+public:
+    query_t(sqlite3* db, const std::string& sql) : db_(db)
+    {
+        sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt_, nullptr);
+    }
+    ~query_t() { sqlite3_finalize(stmt_); }
+    query_t(const query_t&) = delete;
+    query_t& operator=(const query_t&) = delete;
+
+    void bind(const char* name, const std::string& value)
+    {
+        const int index = sqlite3_bind_parameter_index(stmt_, name);
+        if (index > 0)
+            sqlite3_bind_text(stmt_, index, value.data(), static_cast<int>(value.size()),
+                              SQLITE_TRANSIENT);
+    }
+    void bind(const report_query_t& query, const std::string& first, const std::string& last)
+    {
+        bind(":first", first);
+        bind(":last", last);
+        bind(":an", query.product);
+        bind(":av", query.version);
+    }
+    // Calls row() for each result row; a failure names SQLite's reason.
+    template <typename row_fn>
+    outcome_t each(row_fn row)
+    {
+        if (!stmt_)
+            return failure();
+        int rc;
+        while ((rc = sqlite3_step(stmt_)) == SQLITE_ROW)
+            row();
+        return rc == SQLITE_DONE ? outcome_t{} : failure();
+    }
+    std::string text(int column) const
+    {
+        const auto* bytes = sqlite3_column_text(stmt_, column);
+        return bytes ? std::string(reinterpret_cast<const char*>(bytes),
+                                   static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
+                     : std::string();
+    }
+    std::int64_t number(int column) const { return sqlite3_column_int64(stmt_, column); }
+
+private:
+    outcome_t failure() const
+    {
+        return outcome_t::failure(std::string("cannot read the report: ") + sqlite3_errmsg(db_));
+    }
+
+    sqlite3* db_;
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+class sqlite_report_source_t : public report_source_t {
+public:
+    explicit sqlite_report_source_t(sqlite3* db) : db_(db) {}
+    ~sqlite_report_source_t() override { sqlite3_close_v2(db_); }
+
+    outcome_t user_days(const report_query_t& query, const std::string& first,
+                        const std::string& last, const user_day_sink_t& sink) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(user_days_sql, query));
+        select.bind(query, first, last);
+        return select.each([&] { sink(select.text(0), select.text(1), select.number(2) != 0); });
+    }
+
+    outcome_t first_days(const report_query_t& query,
+                         std::vector<std::pair<std::string, std::string>>& firsts) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(first_days_sql, query));
+        select.bind(query, query.since, query.until);
+        return select.each([&] { firsts.emplace_back(select.text(0), select.text(1)); });
+    }
+
+    outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(features_sql, query));
+        select.bind(query, query.since, query.until);
+        return select.each(
+            [&] { sink(select.text(0), select.text(1), select.text(2), select.number(3)); });
+    }
+
+    outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(category_days_sql, query));
+        select.bind(query, query.since, query.until);
+        return select.each([&] { sink(select.text(0), select.text(1), select.number(2)); });
+    }
+
+    outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(versions_sql, query));
+        select.bind(query, query.since, query.until);
+        return select.each(
+            [&] { rows.push_back({select.text(0), select.text(1), select.number(2)}); });
+    }
+
+    outcome_t version_categories(const report_query_t& query, const version_category_sink_t& sink) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(version_categories_sql, query));
+        select.bind(query, query.since, query.until);
+        return select.each([&] { sink(select.text(0), select.text(1), select.text(2)); });
+    }
+
+    outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        query_t select(db_, with_filters(systems_sql, query));
+        select.bind(query, query.since, query.until);
+        return select.each([&] { rows.push_back({select.text(0), select.number(1)}); });
+    }
+
+private:
+    std::mutex mutex_;  // one statement at a time on the connection
+    sqlite3* db_;
+};
+
+}  // namespace
+
+std::unique_ptr<report_source_t> open_report_source(const std::string& uri, std::string& error)
+{
+    if (uri.compare(0, 18, "clickhouse+http://") == 0)
+        return open_clickhouse_report_source(uri, error);
+    const std::string scheme = "sqlite:";
+    if (uri.compare(0, scheme.size(), scheme) != 0 || uri.size() == scheme.size()) {
+        error = "unknown store \"" + uri + "\" (expected sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE)";
+        return nullptr;
+    }
+    const std::string path = uri.substr(scheme.size());
+    sqlite3* db = nullptr;
+    const int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX,
+                                   nullptr);
+    auto source = std::make_unique<sqlite_report_source_t>(db);
+    if (rc != SQLITE_OK) {
+        error = "cannot open " + path + ": " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
+        return nullptr;
+    }
+    sqlite3_busy_timeout(db, 10000);
+    return source;
+}
+
+}  // namespace usemeter_collector

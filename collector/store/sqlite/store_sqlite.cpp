@@ -1,0 +1,337 @@
+#include "collector/store/sqlite/store_sqlite.hpp"
+
+#include "collector/store/clickhouse/store_clickhouse.hpp"
+
+#include <mutex>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <sqlite3.h>
+
+namespace usemeter_collector {
+
+namespace {
+
+// Each entry moves the schema one version up; a store at user_version N runs entries N and
+// later in one transaction. Entries are never edited once released, only appended.
+const char* const migrations[] = {
+    // 1: hits, and the rollups of the reports: one row per user and day (with whether any
+    // hit carried the active-user verdict), per user, day and feature, and each user's first day.
+    "CREATE TABLE hits ("
+    "  id INTEGER PRIMARY KEY, received INTEGER NOT NULL, day TEXT NOT NULL,"
+    "  tid TEXT NOT NULL, cid TEXT NOT NULL, an TEXT NOT NULL, av TEXT NOT NULL,"
+    "  cd1 TEXT NOT NULL, cd2 TEXT NOT NULL, cd3 TEXT NOT NULL, ec TEXT NOT NULL, el TEXT NOT NULL);"
+    "CREATE INDEX hits_by_day ON hits(day);"
+    "CREATE INDEX hits_by_cid ON hits(cid);"
+    "CREATE TABLE user_days ("
+    "  an TEXT NOT NULL, day TEXT NOT NULL, av TEXT NOT NULL, cd2 TEXT NOT NULL, cid TEXT NOT NULL,"
+    "  hits INTEGER NOT NULL, active INTEGER NOT NULL,"
+    "  PRIMARY KEY (an, day, av, cd2, cid)) WITHOUT ROWID;"
+    "CREATE INDEX user_days_by_cid ON user_days(cid, an);"
+    "CREATE TABLE feature_days ("
+    "  an TEXT NOT NULL, day TEXT NOT NULL, av TEXT NOT NULL, ec TEXT NOT NULL, el TEXT NOT NULL,"
+    "  cid TEXT NOT NULL, hits INTEGER NOT NULL,"
+    "  PRIMARY KEY (an, day, av, ec, el, cid)) WITHOUT ROWID;"
+    "CREATE INDEX feature_days_by_cid ON feature_days(cid);"
+    "CREATE TABLE first_seen ("
+    "  an TEXT NOT NULL, cid TEXT NOT NULL, day TEXT NOT NULL,"
+    "  PRIMARY KEY (an, cid)) WITHOUT ROWID;"
+    "CREATE INDEX first_seen_by_day ON first_seen(day);",
+};
+const int schema_version = sizeof migrations / sizeof migrations[0];
+
+const char* const insert_hit_sql =
+    "INSERT INTO hits (received, day, tid, cid, an, av, cd1, cd2, cd3, ec, el)"
+    " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)";
+const char* const count_user_day_sql =
+    "INSERT INTO user_days VALUES (?5, ?2, ?6, ?8, ?4, 1, ?9 = 'y')"
+    " ON CONFLICT DO UPDATE SET hits = hits + 1, active = max(active, excluded.active)";
+const char* const count_feature_day_sql =
+    "INSERT INTO feature_days VALUES (?5, ?2, ?6, ?10, ?11, ?4, 1)"
+    " ON CONFLICT DO UPDATE SET hits = hits + 1";
+const char* const note_first_seen_sql =
+    "INSERT INTO first_seen VALUES (?5, ?4, ?2)"
+    " ON CONFLICT DO UPDATE SET day = excluded.day WHERE excluded.day < day";
+
+class statement_t {
+public:
+    statement_t(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr); }
+    ~statement_t() { sqlite3_finalize(stmt_); }
+    statement_t(const statement_t&) = delete;
+    statement_t& operator=(const statement_t&) = delete;
+
+    bool prepared() const { return stmt_ != nullptr; }
+    sqlite3_stmt* get() const { return stmt_; }
+    // The text must outlive the next run(): no copy is made.
+    void bind(int index, const std::string& text)
+    {
+        sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+    }
+    void bind(int index, std::int64_t number) { sqlite3_bind_int64(stmt_, index, number); }
+    // One step to completion, ready for the next use.
+    bool run()
+    {
+        const int rc = sqlite3_step(stmt_);
+        sqlite3_reset(stmt_);
+        return rc == SQLITE_DONE;
+    }
+    std::string text(int column) const
+    {
+        const auto* bytes = sqlite3_column_text(stmt_, column);
+        return bytes ? std::string(reinterpret_cast<const char*>(bytes),
+                                   static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
+                     : std::string();
+    }
+
+private:
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+void bind_hit(statement_t& stmt, const hit_t& hit, const std::string& day)
+{
+    stmt.bind(1, hit.received);
+    stmt.bind(2, day);
+    const std::string* fields[] = {&hit.tid, &hit.cid, &hit.an, &hit.av, &hit.cd1,
+                                   &hit.cd2, &hit.cd3, &hit.ec, &hit.el};
+    int index = 3;
+    for (const std::string* field : fields)
+        stmt.bind(index++, *field);
+}
+
+class sqlite_store_t : public store_t {
+public:
+    explicit sqlite_store_t(sqlite3* db, std::string path) : db_(db), path_(std::move(path)) {}
+    ~sqlite_store_t() override
+    {
+        inserts_.clear();
+        sqlite3_close_v2(db_);
+    }
+
+    outcome_t configure(durability_t durability)
+    {
+        sqlite3_busy_timeout(db_, 10000);
+        if (!exec("PRAGMA journal_mode = WAL"))
+            return failed("cannot switch to write-ahead logging");
+        const char* sync = durability == durability_t::full ? "PRAGMA synchronous = FULL"
+                                                            : "PRAGMA synchronous = NORMAL";
+        if (!exec(sync))
+            return failed("cannot set durability");
+        return migrate();
+    }
+
+    outcome_t append(const std::vector<hit_t>& hits) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (inserts_.empty() && !prepare_inserts())
+            return failed("cannot prepare the insert statements");
+        if (!exec("BEGIN IMMEDIATE"))
+            return failed("cannot begin a transaction");
+        std::int64_t day_of = -1;
+        std::string day;
+        for (const hit_t& hit : hits) {
+            if (hit.received != day_of)
+                day = utc_day(day_of = hit.received);
+            for (auto& insert : inserts_) {
+                bind_hit(*insert, hit, day);
+                if (!insert->run())
+                    return rolled_back("cannot store a hit");
+            }
+        }
+        if (!exec("COMMIT"))
+            return rolled_back("cannot commit");
+        return {};
+    }
+
+    outcome_t export_csv(std::ostream& out, const std::string& since,
+                         const std::string& until) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        statement_t select(db_,
+                           "SELECT received, tid, cid, an, av, cd1, cd2, cd3, ec, el FROM hits"
+                           " WHERE day >= ?1 AND day <= ?2 ORDER BY id");
+        if (!select.prepared())
+            return failed("cannot read hits");
+        const std::string last_day = until.empty() ? std::string("9999-99-99") : until;
+        select.bind(1, since);
+        select.bind(2, last_day);
+        out << export_csv_header;
+        int rc;
+        while ((rc = sqlite3_step(select.get())) == SQLITE_ROW) {
+            out << utc_timestamp(sqlite3_column_int64(select.get(), 0));
+            for (int column = 1; column < 10; ++column) {
+                out << ',';
+                write_csv_field(out, select.text(column));
+            }
+            out << '\n';
+        }
+        if (rc != SQLITE_DONE)
+            return failed("reading hits stopped");
+        return {};
+    }
+
+    outcome_t erase_client(const std::string& cid, std::int64_t& erased) override
+    {
+        return erase_where("cid = ?1", cid, erased, false);
+    }
+
+    outcome_t erase_before(const std::string& first_kept_day, std::int64_t& erased) override
+    {
+        return erase_where("day < ?1", first_kept_day, erased, true);
+    }
+
+private:
+    bool exec(const char* sql) { return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK; }
+
+    outcome_t failed(const std::string& what) const
+    {
+        return outcome_t::failure(what + " in " + path_ + ": " + sqlite3_errmsg(db_));
+    }
+
+    outcome_t rolled_back(const std::string& what)
+    {
+        outcome_t outcome = failed(what);
+        exec("ROLLBACK");
+        return outcome;
+    }
+
+    bool prepare_inserts()
+    {
+        for (const char* sql :
+             {insert_hit_sql, count_user_day_sql, count_feature_day_sql, note_first_seen_sql}) {
+            inserts_.push_back(std::make_unique<statement_t>(db_, sql));
+            if (!inserts_.back()->prepared()) {
+                inserts_.clear();
+                return false;
+            }
+        }
+        return true;
+    }
+
+    int stored_version()
+    {
+        statement_t query(db_, "PRAGMA user_version");
+        return query.prepared() && sqlite3_step(query.get()) == SQLITE_ROW ? sqlite3_column_int(query.get(), 0) : -1;
+    }
+
+    // A current store is only read, so that export and erase never wait for a running
+    // collector's write lock just to open it.
+    outcome_t migrate()
+    {
+        if (stored_version() == schema_version)
+            return {};
+        if (!exec("BEGIN IMMEDIATE"))
+            return failed("cannot read the schema version");
+        const int version = stored_version();
+        if (version < 0 || version > schema_version) {
+            exec("ROLLBACK");
+            return outcome_t::failure(path_ + " has schema version " + std::to_string(version) +
+                                      "; this collector knows up to " + std::to_string(schema_version));
+        }
+        for (int step = version; step < schema_version; ++step)
+            if (!exec(migrations[step]))
+                return rolled_back("cannot migrate to schema version " + std::to_string(step + 1));
+        const std::string set_version = "PRAGMA user_version = " + std::to_string(schema_version);
+        if (!exec(set_version.c_str()) || !exec("COMMIT"))
+            return rolled_back("cannot record the schema version");
+        return {};
+    }
+
+    // Hits and every rollup row they fed go in one transaction. A user's first day is
+    // recomputed from what is left, so "new users" stays true to the remaining hits.
+    outcome_t erase_where(const std::string& condition, const std::string& value,
+                          std::int64_t& erased, bool recompute_first_seen)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        erased = 0;
+        if (!exec("BEGIN IMMEDIATE"))
+            return failed("cannot begin a transaction");
+        for (const char* table : {"hits", "user_days", "feature_days", "first_seen"}) {
+            statement_t erase(db_, ("DELETE FROM " + std::string(table) + " WHERE " + condition).c_str());
+            if (!erase.prepared())
+                return rolled_back("cannot erase");
+            erase.bind(1, value);
+            if (!erase.run())
+                return rolled_back("cannot erase");
+            if (table == std::string("hits"))
+                erased = sqlite3_changes64(db_);
+        }
+        if (recompute_first_seen &&
+            !exec("INSERT INTO first_seen SELECT an, cid, min(day) FROM user_days u"
+                  " WHERE NOT EXISTS (SELECT 1 FROM first_seen f WHERE f.an = u.an AND f.cid = u.cid)"
+                  " GROUP BY an, cid"))
+            return rolled_back("cannot recompute first days");
+        if (!exec("COMMIT"))
+            return rolled_back("cannot erase");
+        return {};
+    }
+
+    std::mutex mutex_;  // one statement at a time on the connection
+    sqlite3* db_;
+    const std::string path_;
+    std::vector<std::unique_ptr<statement_t>> inserts_;  // in bind_hit's parameter order
+};
+
+}  // namespace
+
+int sqlite_schema_version()
+{
+    return schema_version;
+}
+
+void create_private_file(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0)
+        ::close(fd);
+}
+
+bool store_exists(const std::string& uri)
+{
+    const std::string scheme = "sqlite:";
+    struct stat status;
+    return uri.compare(0, scheme.size(), scheme) != 0 || ::stat(uri.c_str() + scheme.size(), &status) == 0;
+}
+
+std::unique_ptr<store_t> open_sqlite_store(const std::string& path, durability_t durability,
+                                           std::string& error)
+{
+    create_private_file(path);
+    sqlite3* db = nullptr;
+    const int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                                                          SQLITE_OPEN_NOMUTEX, nullptr);
+    auto store = std::make_unique<sqlite_store_t>(db, path);
+    if (rc != SQLITE_OK) {
+        error = "cannot open " + path + ": " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
+        return nullptr;
+    }
+    const outcome_t configured = store->configure(durability);
+    if (!configured) {
+        error = configured.error;
+        return nullptr;
+    }
+    return store;
+}
+
+std::unique_ptr<store_t> open_store(const std::string& uri, durability_t durability,
+                                    std::string& error, const spool_options_t& spool)
+{
+    if (uri.compare(0, 18, "clickhouse+http://") == 0) {
+        clickhouse_options_t options;
+        options.uri = uri;
+        options.spool = spool.path;
+        options.spool_max_hits = spool.max_hits;
+        options.durability = durability;
+        return open_clickhouse_store(options, error);
+    }
+    const std::string scheme = "sqlite:";
+    if (uri.compare(0, scheme.size(), scheme) != 0 || uri.size() == scheme.size()) {
+        error = "unknown store \"" + uri + "\" (expected sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE)";
+        return nullptr;
+    }
+    return open_sqlite_store(uri.substr(scheme.size()), durability, error);
+}
+
+}  // namespace usemeter_collector
