@@ -1,0 +1,22 @@
+# Writes a C++ source that defines one `const char* const` per asset file, holding the file's
+# bytes as they are. Run at build time:
+#   cmake -DOUTPUT=file.cpp -DHEADER=include/path.hpp -DNAMESPACE=ns -DASSETS=name=path,... -P embed_assets.cmake
+set(delimiter "usemeter_asset")
+set(text "// Generated from the page's own files at build time; edit those, not this.\n")
+string(APPEND text "#include \"${HEADER}\"\n\nnamespace ${NAMESPACE} {\n")
+string(REPLACE "," ";" assets "${ASSETS}")
+foreach(asset IN LISTS assets)
+    string(REPLACE "=" ";" pair "${asset}")
+    list(GET pair 0 name)
+    list(GET pair 1 path)
+    file(READ "${path}" content)
+    string(FIND "${content}" ")${delimiter}\"" clash)
+    if(NOT clash EQUAL -1)
+        message(FATAL_ERROR "${path} contains the raw-string delimiter )${delimiter}\"")
+    endif()
+    string(APPEND text "\nconst char* const ${name} = R\"${delimiter}(${content})${delimiter}\";\n")
+endforeach()
+string(APPEND text "\n}  // namespace ${NAMESPACE}\n")
+file(WRITE "${OUTPUT}.tmp" "${text}")
+file(COPY_FILE "${OUTPUT}.tmp" "${OUTPUT}" ONLY_IF_DIFFERENT)
+file(REMOVE "${OUTPUT}.tmp")
