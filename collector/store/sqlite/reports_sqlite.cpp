@@ -171,16 +171,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<report_source_t> open_report_source(const std::string& uri, std::string& error)
+std::unique_ptr<report_source_t> open_sqlite_report_source(const std::string& path, std::string& error)
 {
-    if (uri.compare(0, 18, "clickhouse+http://") == 0)
-        return open_clickhouse_report_source(uri, error);
-    const std::string scheme = "sqlite:";
-    if (uri.compare(0, scheme.size(), scheme) != 0 || uri.size() == scheme.size()) {
-        error = "unknown store \"" + uri + "\" (expected sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE)";
-        return nullptr;
-    }
-    const std::string path = uri.substr(scheme.size());
     sqlite3* db = nullptr;
     const int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX,
                                    nullptr);

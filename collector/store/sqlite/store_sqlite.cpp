@@ -288,13 +288,6 @@ void create_private_file(const std::string& path)
         ::close(fd);
 }
 
-bool store_exists(const std::string& uri)
-{
-    const std::string scheme = "sqlite:";
-    struct stat status;
-    return uri.compare(0, scheme.size(), scheme) != 0 || ::stat(uri.c_str() + scheme.size(), &status) == 0;
-}
-
 std::unique_ptr<store_t> open_sqlite_store(const std::string& path, durability_t durability,
                                            std::string& error)
 {
@@ -313,25 +306,6 @@ std::unique_ptr<store_t> open_sqlite_store(const std::string& path, durability_t
         return nullptr;
     }
     return store;
-}
-
-std::unique_ptr<store_t> open_store(const std::string& uri, durability_t durability,
-                                    std::string& error, const spool_options_t& spool)
-{
-    if (uri.compare(0, 18, "clickhouse+http://") == 0) {
-        clickhouse_options_t options;
-        options.uri = uri;
-        options.spool = spool.path;
-        options.spool_max_hits = spool.max_hits;
-        options.durability = durability;
-        return open_clickhouse_store(options, error);
-    }
-    const std::string scheme = "sqlite:";
-    if (uri.compare(0, scheme.size(), scheme) != 0 || uri.size() == scheme.size()) {
-        error = "unknown store \"" + uri + "\" (expected sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE)";
-        return nullptr;
-    }
-    return open_sqlite_store(uri.substr(scheme.size()), durability, error);
 }
 
 }  // namespace usemeter_collector
