@@ -3,6 +3,7 @@
 #ifndef USEMETER_COLLECTOR_HIT_HPP
 #define USEMETER_COLLECTOR_HIT_HPP
 
+#include <array>
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -13,6 +14,13 @@ namespace usemeter_collector {
 struct hit_t {
     std::int64_t received = 0;  // UTC seconds since the epoch
     std::string tid, cid, an, av, cd1, cd2, cd3, ec, el;
+
+    // The text fields in the one order every table, export and spool keeps them.
+    std::array<std::string*, 9> fields() { return {&tid, &cid, &an, &av, &cd1, &cd2, &cd3, &ec, &el}; }
+    std::array<const std::string*, 9> fields() const
+    {
+        return {&tid, &cid, &an, &av, &cd1, &cd2, &cd3, &ec, &el};
+    }
 };
 
 // What a fallible step returns: failures carry one line for the log and the caller.

@@ -2,9 +2,9 @@
 // first_seen), never by the hits table. One read-only connection, one query at a time.
 #include <mutex>
 
-#include <sqlite3.h>
 
 #include "collector/reports/reports.hpp"
+#include "collector/store/sqlite/sqlite_db.hpp"
 
 namespace usemeter_collector {
 
@@ -45,23 +45,13 @@ std::string with_filters(std::string sql, const report_query_t& query)
     return sql;
 }
 
-class query_t {
+// One report query over the shared statement: the range and filters bound by name, and a
+// failure that names SQLite's reason.
+class query_t : public statement_t {
 public:
-    query_t(sqlite3* db, const std::string& sql) : db_(db)
-    {
-        sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt_, nullptr);
-    }
-    ~query_t() { sqlite3_finalize(stmt_); }
-    query_t(const query_t&) = delete;
-    query_t& operator=(const query_t&) = delete;
+    query_t(sqlite3* db, const std::string& sql) : statement_t(db, sql), db_(db) {}
 
-    void bind(const char* name, const std::string& value)
-    {
-        const int index = sqlite3_bind_parameter_index(stmt_, name);
-        if (index > 0)
-            sqlite3_bind_text(stmt_, index, value.data(), static_cast<int>(value.size()),
-                              SQLITE_TRANSIENT);
-    }
+    using statement_t::bind;
     void bind(const report_query_t& query, const std::string& first, const std::string& last)
     {
         bind(":first", first);
@@ -69,40 +59,23 @@ public:
         bind(":an", query.product);
         bind(":av", query.version);
     }
-    // Calls row() for each result row; a failure names SQLite's reason.
     template <typename row_fn>
     outcome_t each(row_fn row)
     {
-        if (!stmt_)
-            return failure();
-        int rc;
-        while ((rc = sqlite3_step(stmt_)) == SQLITE_ROW)
-            row();
-        return rc == SQLITE_DONE ? outcome_t{} : failure();
+        if (statement_t::each(row))
+            return {};
+        return outcome_t::failure("cannot read the report: " + sqlite_reason(db_));
     }
-    std::string text(int column) const
-    {
-        const auto* bytes = sqlite3_column_text(stmt_, column);
-        return bytes ? std::string(reinterpret_cast<const char*>(bytes),
-                                   static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
-                     : std::string();
-    }
-    std::int64_t number(int column) const { return sqlite3_column_int64(stmt_, column); }
 
 private:
-    outcome_t failure() const
-    {
-        return outcome_t::failure(std::string("cannot read the report: ") + sqlite3_errmsg(db_));
-    }
-
     sqlite3* db_;
-    sqlite3_stmt* stmt_ = nullptr;
 };
 
 class sqlite_report_source_t : public report_source_t {
 public:
     explicit sqlite_report_source_t(sqlite3* db) : db_(db) {}
     ~sqlite_report_source_t() override { sqlite3_close_v2(db_); }
+    sqlite3* handle() const { return db_; }
 
     outcome_t user_days(const report_query_t& query, const std::string& first,
                         const std::string& last, const user_day_sink_t& sink) override
@@ -173,15 +146,13 @@ private:
 
 std::unique_ptr<report_source_t> open_sqlite_report_source(const std::string& path, std::string& error)
 {
-    sqlite3* db = nullptr;
-    const int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX,
-                                   nullptr);
-    auto source = std::make_unique<sqlite_report_source_t>(db);
-    if (rc != SQLITE_OK) {
-        error = "cannot open " + path + ": " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
+    std::string failed_step;
+    auto source = std::make_unique<sqlite_report_source_t>(
+        open_sqlite(path, sqlite_access_t::read_only, durability_t::normal, failed_step));
+    if (!failed_step.empty()) {
+        error = "cannot open " + path + ": " + sqlite_reason(source->handle());
         return nullptr;
     }
-    sqlite3_busy_timeout(db, 10000);
     return source;
 }
 

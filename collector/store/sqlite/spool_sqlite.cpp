@@ -4,7 +4,7 @@
 #include <random>
 #include <utility>
 
-#include <sqlite3.h>
+#include "collector/store/sqlite/sqlite_db.hpp"
 
 namespace usemeter_collector {
 
@@ -27,14 +27,6 @@ std::string random_instance_id()
     return id;
 }
 
-std::string column_text(sqlite3_stmt* stmt, int column)
-{
-    const auto* bytes = sqlite3_column_text(stmt, column);
-    return bytes ? std::string(reinterpret_cast<const char*>(bytes),
-                               static_cast<std::size_t>(sqlite3_column_bytes(stmt, column)))
-                 : std::string();
-}
-
 }  // namespace
 
 struct spool_t::connection_t {
@@ -44,12 +36,11 @@ struct spool_t::connection_t {
 
     ~connection_t() { sqlite3_close_v2(db); }
 
-    bool exec(const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK; }
+    bool exec(const char* sql) { return sqlite_exec(db, sql); }
 
     outcome_t failed(const std::string& what)
     {
-        return outcome_t::failure(what + " in the spool " + path + ": " +
-                                  (db ? sqlite3_errmsg(db) : "out of memory"));
+        return outcome_t::failure(what + " in the spool " + path + ": " + sqlite_reason(db));
     }
 
     outcome_t rolled_back(const std::string& what)
@@ -61,39 +52,17 @@ struct spool_t::connection_t {
 
     outcome_t open(durability_t durability)
     {
-        create_private_file(path);
-        if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
-                                                   SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK)
-            return failed("cannot open");
-        sqlite3_busy_timeout(db, 10000);
-        const char* sync = durability == durability_t::full ? "PRAGMA synchronous = FULL"
-                                                            : "PRAGMA synchronous = NORMAL";
-        if (!exec("PRAGMA journal_mode = WAL") || !exec(sync))
-            return failed("cannot set up write-ahead logging");
-        return {};
-    }
-
-    using statement_t = std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)>;
-
-    // A prepared statement, finalized when it goes; null when sql does not prepare.
-    statement_t prepare(const char* sql)
-    {
-        sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK)
-            stmt = nullptr;
-        return statement_t(stmt, sqlite3_finalize);
+        std::string failed_step;
+        db = open_sqlite(path, sqlite_access_t::read_write, durability, failed_step);
+        return failed_step.empty() ? outcome_t() : failed(failed_step);
     }
 
     // The first column of the first row of a query, as text ("" when there is none).
     outcome_t scalar(const char* sql, std::string& value)
     {
-        sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK)
-            return failed("cannot query");
-        const int rc = sqlite3_step(stmt);
-        value = rc == SQLITE_ROW ? column_text(stmt, 0) : std::string();
-        sqlite3_finalize(stmt);
-        return rc == SQLITE_ROW || rc == SQLITE_DONE ? outcome_t() : failed("cannot query");
+        statement_t query(db, sql);
+        value.clear();
+        return query.each([&] { value = query.text(0); }) ? outcome_t() : failed("cannot query");
     }
 };
 
@@ -144,23 +113,18 @@ outcome_t spool_t::append(const std::vector<hit_t>& hits)
 {
     connection_t& c = *writer_;
     std::lock_guard<std::mutex> lock(c.mutex);
-    const auto insert = c.prepare("INSERT INTO spool (received, tid, cid, an, av, cd1, cd2, cd3,"
-                                  " ec, el) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    if (!insert)
+    statement_t insert(c.db, "INSERT INTO spool (received, tid, cid, an, av, cd1, cd2, cd3,"
+                             " ec, el) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    if (!insert.prepared())
         return c.failed("cannot prepare the insert");
-    sqlite3_stmt* stmt = insert.get();
     if (!c.exec("BEGIN IMMEDIATE"))
         return c.failed("cannot begin a transaction");
     for (const hit_t& hit : hits) {
-        sqlite3_bind_int64(stmt, 1, hit.received);
+        insert.bind(1, hit.received);
         int index = 2;
-        for (const std::string* field : {&hit.tid, &hit.cid, &hit.an, &hit.av, &hit.cd1, &hit.cd2,
-                                         &hit.cd3, &hit.ec, &hit.el})
-            sqlite3_bind_text(stmt, index++, field->data(), static_cast<int>(field->size()),
-                              SQLITE_STATIC);
-        const int rc = sqlite3_step(stmt);
-        sqlite3_reset(stmt);
-        if (rc != SQLITE_DONE)
+        for (const std::string* field : hit.fields())
+            insert.bind(index++, *field);
+        if (!insert.run())
             return c.rolled_back("cannot store a hit");
     }
     if (!c.exec("COMMIT"))
@@ -173,26 +137,22 @@ outcome_t spool_t::read_after(std::int64_t seq, std::size_t limit, std::vector<s
 {
     connection_t& c = *reader_;
     std::lock_guard<std::mutex> lock(c.mutex);
-    const auto select = c.prepare("SELECT seq, received, tid, cid, an, av, cd1, cd2, cd3, ec, el"
-                                  " FROM spool WHERE seq > ? ORDER BY seq LIMIT ?");
-    if (!select)
+    statement_t select(c.db, "SELECT seq, received, tid, cid, an, av, cd1, cd2, cd3, ec, el"
+                             " FROM spool WHERE seq > ? ORDER BY seq LIMIT ?");
+    if (!select.prepared())
         return c.failed("cannot read");
-    sqlite3_stmt* stmt = select.get();
-    sqlite3_bind_int64(stmt, 1, seq);
-    sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(limit));
-    int rc;
-    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    select.bind(1, seq);
+    select.bind(2, static_cast<std::int64_t>(limit));
+    const bool read_all = select.each([&] {
         spooled_hit_t spooled;
-        spooled.seq = sqlite3_column_int64(stmt, 0);
-        hit_t& hit = spooled.hit;
-        hit.received = sqlite3_column_int64(stmt, 1);
+        spooled.seq = select.number(0);
+        spooled.hit.received = select.number(1);
         int column = 2;
-        for (std::string* field : {&hit.tid, &hit.cid, &hit.an, &hit.av, &hit.cd1, &hit.cd2,
-                                   &hit.cd3, &hit.ec, &hit.el})
-            *field = column_text(stmt, column++);
+        for (std::string* field : spooled.hit.fields())
+            *field = select.text(column++);
         hits.push_back(std::move(spooled));
-    }
-    return rc == SQLITE_DONE ? outcome_t() : c.failed("reading stopped");
+    });
+    return read_all ? outcome_t() : c.failed("reading stopped");
 }
 
 outcome_t spool_t::remove_through(std::int64_t seq)

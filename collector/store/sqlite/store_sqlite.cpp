@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <sqlite3.h>
+#include "collector/store/sqlite/sqlite_db.hpp"
 
 namespace usemeter_collector {
 
@@ -56,48 +56,12 @@ const char* const note_first_seen_sql =
     "INSERT INTO first_seen VALUES (?5, ?4, ?2)"
     " ON CONFLICT DO UPDATE SET day = excluded.day WHERE excluded.day < day";
 
-class statement_t {
-public:
-    statement_t(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr); }
-    ~statement_t() { sqlite3_finalize(stmt_); }
-    statement_t(const statement_t&) = delete;
-    statement_t& operator=(const statement_t&) = delete;
-
-    bool prepared() const { return stmt_ != nullptr; }
-    sqlite3_stmt* get() const { return stmt_; }
-    // The text must outlive the next run(): no copy is made.
-    void bind(int index, const std::string& text)
-    {
-        sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
-    }
-    void bind(int index, std::int64_t number) { sqlite3_bind_int64(stmt_, index, number); }
-    // One step to completion, ready for the next use.
-    bool run()
-    {
-        const int rc = sqlite3_step(stmt_);
-        sqlite3_reset(stmt_);
-        return rc == SQLITE_DONE;
-    }
-    std::string text(int column) const
-    {
-        const auto* bytes = sqlite3_column_text(stmt_, column);
-        return bytes ? std::string(reinterpret_cast<const char*>(bytes),
-                                   static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
-                     : std::string();
-    }
-
-private:
-    sqlite3_stmt* stmt_ = nullptr;
-};
-
 void bind_hit(statement_t& stmt, const hit_t& hit, const std::string& day)
 {
     stmt.bind(1, hit.received);
     stmt.bind(2, day);
-    const std::string* fields[] = {&hit.tid, &hit.cid, &hit.an, &hit.av, &hit.cd1,
-                                   &hit.cd2, &hit.cd3, &hit.ec, &hit.el};
     int index = 3;
-    for (const std::string* field : fields)
+    for (const std::string* field : hit.fields())
         stmt.bind(index++, *field);
 }
 
@@ -108,18 +72,6 @@ public:
     {
         inserts_.clear();
         sqlite3_close_v2(db_);
-    }
-
-    outcome_t configure(durability_t durability)
-    {
-        sqlite3_busy_timeout(db_, 10000);
-        if (!exec("PRAGMA journal_mode = WAL"))
-            return failed("cannot switch to write-ahead logging");
-        const char* sync = durability == durability_t::full ? "PRAGMA synchronous = FULL"
-                                                            : "PRAGMA synchronous = NORMAL";
-        if (!exec(sync))
-            return failed("cannot set durability");
-        return migrate();
     }
 
     outcome_t append(const std::vector<hit_t>& hits) override
@@ -158,16 +110,15 @@ public:
         select.bind(1, since);
         select.bind(2, last_day);
         out << export_csv_header;
-        int rc;
-        while ((rc = sqlite3_step(select.get())) == SQLITE_ROW) {
-            out << utc_timestamp(sqlite3_column_int64(select.get(), 0));
+        const bool read_all = select.each([&] {
+            out << utc_timestamp(select.number(0));
             for (int column = 1; column < 10; ++column) {
                 out << ',';
                 write_csv_field(out, select.text(column));
             }
             out << '\n';
-        }
-        if (rc != SQLITE_DONE)
+        });
+        if (!read_all)
             return failed("reading hits stopped");
         return {};
     }
@@ -182,13 +133,14 @@ public:
         return erase_where("day < ?1", first_kept_day, erased, true);
     }
 
-private:
-    bool exec(const char* sql) { return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK; }
-
+    sqlite3* handle() const { return db_; }
     outcome_t failed(const std::string& what) const
     {
-        return outcome_t::failure(what + " in " + path_ + ": " + sqlite3_errmsg(db_));
+        return outcome_t::failure(what + " in " + path_ + ": " + sqlite_reason(db_));
     }
+
+private:
+    bool exec(const char* sql) { return sqlite_exec(db_, sql); }
 
     outcome_t rolled_back(const std::string& what)
     {
@@ -213,9 +165,12 @@ private:
     int stored_version()
     {
         statement_t query(db_, "PRAGMA user_version");
-        return query.prepared() && sqlite3_step(query.get()) == SQLITE_ROW ? sqlite3_column_int(query.get(), 0) : -1;
+        int version = -1;
+        query.each([&] { version = static_cast<int>(query.number(0)); });
+        return version;
     }
 
+public:
     // A current store is only read, so that export and erase never wait for a running
     // collector's write lock just to open it.
     outcome_t migrate()
@@ -239,6 +194,7 @@ private:
         return {};
     }
 
+private:
     // Hits and every rollup row they fed go in one transaction. A user's first day is
     // recomputed from what is left, so "new users" stays true to the remaining hits.
     outcome_t erase_where(const std::string& condition, const std::string& value,
@@ -249,7 +205,7 @@ private:
         if (!exec("BEGIN IMMEDIATE"))
             return failed("cannot begin a transaction");
         for (const char* table : {"hits", "user_days", "feature_days", "first_seen"}) {
-            statement_t erase(db_, ("DELETE FROM " + std::string(table) + " WHERE " + condition).c_str());
+            statement_t erase(db_, "DELETE FROM " + std::string(table) + " WHERE " + condition);
             if (!erase.prepared())
                 return rolled_back("cannot erase");
             erase.bind(1, value);
@@ -291,18 +247,15 @@ void create_private_file(const std::string& path)
 std::unique_ptr<store_t> open_sqlite_store(const std::string& path, durability_t durability,
                                            std::string& error)
 {
-    create_private_file(path);
-    sqlite3* db = nullptr;
-    const int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
-                                                          SQLITE_OPEN_NOMUTEX, nullptr);
-    auto store = std::make_unique<sqlite_store_t>(db, path);
-    if (rc != SQLITE_OK) {
-        error = "cannot open " + path + ": " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
-        return nullptr;
-    }
-    const outcome_t configured = store->configure(durability);
-    if (!configured) {
-        error = configured.error;
+    std::string failed_step;
+    auto store = std::make_unique<sqlite_store_t>(
+        open_sqlite(path, sqlite_access_t::read_write, durability, failed_step), path);
+    const outcome_t ready = failed_step.empty() ? store->migrate() : store->failed(failed_step);
+    if (failed_step == "cannot open")
+        error = "cannot open " + path + ": " + sqlite_reason(store->handle());
+    if (!ready) {
+        if (error.empty())
+            error = ready.error;
         return nullptr;
     }
     return store;
