@@ -227,8 +227,10 @@ std::vector<std::string> all_matches(const std::string& text, const std::string&
 
 std::string percent(const json& share)
 {
+    // Rounded to a double first, as the page's script does: i386's x87 keeps more bits.
+    volatile double value = 100 * share.get<double>();
     char text[32];
-    std::snprintf(text, sizeof text, "%.1f%%", 100 * share.get<double>());
+    std::snprintf(text, sizeof text, "%.1f%%", value);
     return text;
 }
 
