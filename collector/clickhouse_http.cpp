@@ -160,4 +160,12 @@ std::string sql_quoted(const std::string& text)
     return quoted + "'";
 }
 
+outcome_t run_each(clickhouse_http_t& http, const std::vector<std::string>& statements)
+{
+    outcome_t outcome;
+    for (auto statement = statements.begin(); outcome && statement != statements.end(); ++statement)
+        outcome = http.run(*statement);
+    return outcome;
+}
+
 }  // namespace usemeter_collector

@@ -38,6 +38,9 @@ private:
     std::string server_;
 };
 
+// Runs statements in order, up to the first that fails.
+outcome_t run_each(clickhouse_http_t& http, const std::vector<std::string>& statements);
+
 // TabSeparated text: a field escaped for a row, and the rows of a result unescaped.
 void append_tsv_field(std::string& row, const std::string& field);
 std::vector<std::vector<std::string>> parse_tsv(const std::string& text);

@@ -1,17 +1,14 @@
-// The reports' questions answered by ClickHouse from the hits table itself: ClickHouse groups
-// the hits into user-days and feature uses, so only those travel, not the hits.
-//
-// A batch sent again after a lost acknowledgement may be stored twice until a merge drops the
-// copy. A copy never adds a client id or a day, so only hit counts need care: they read the
-// table FINAL, which merges the copies of a key (collector, seq) as the query reads them
-// (measured faster than counting distinct keys per group).
+// The reports' questions answered by ClickHouse from the aggregates it keeps itself
+// (clickhouse_schema.cpp): user_days for users, feature_days for hit counts, so the cost of
+// a report grows with users, days and labels, not with hits. Rows of an aggregate not yet
+// merged are merged by the GROUP BY of each query; copies in user_days change no set.
 //
 // Every call has its own connection, so the collector's threads may share one source.
 #include <atomic>
 
 #include "clickhouse_http.hpp"
 #include "reports.hpp"
-#include "store_clickhouse.hpp"
+#include "clickhouse_schema.hpp"
 
 namespace usemeter_collector {
 
@@ -24,10 +21,11 @@ std::string date(const std::string& day)
     return "toDate(" + sql_quoted(day) + ")";
 }
 
-// The query's product and version, and the days first..last.
+// The query's product and version, and the days first..last (never day 0, the collectors'
+// marks in feature_days).
 std::string matching(const report_query_t& query, const std::string& first, const std::string& last)
 {
-    std::string condition = "day BETWEEN " + date(first) + " AND " + date(last);
+    std::string condition = "day BETWEEN " + date(first) + " AND " + date(last) + " AND day > toDate(0)";
     if (!query.product.empty())
         condition += " AND an = " + sql_quoted(query.product);
     if (!query.version.empty())
@@ -43,14 +41,15 @@ bool is_count(const std::string& text)
 class clickhouse_report_source_t : public report_source_t {
 public:
     explicit clickhouse_report_source_t(clickhouse_address_t address)
-        : address_(std::move(address)), table_(clickhouse_hits_table(address_.database))
+        : address_(std::move(address)), user_days_(address_.database + ".user_days"),
+          feature_days_(address_.database + ".feature_days")
     {
     }
 
     outcome_t user_days(const report_query_t& query, const std::string& first,
                         const std::string& last, const user_day_sink_t& sink) override
     {
-        return select("SELECT day, cid, max(cd3 = 'y') FROM " + table_ + " WHERE " +
+        return select("SELECT day, cid, max(active) FROM " + user_days_ + " WHERE " +
                           matching(query, first, last) + " GROUP BY day, cid",
                       3, [&](const row_t& row) { sink(row[0], row[1], row[2] == "1"); });
     }
@@ -59,7 +58,7 @@ public:
                          std::vector<std::pair<std::string, std::string>>& firsts) override
     {
         const std::string product = query.product.empty() ? "1" : "an = " + sql_quoted(query.product);
-        return select("SELECT cid, toString(min(day)) FROM " + table_ + " WHERE " + product +
+        return select("SELECT cid, toString(min(day)) FROM " + user_days_ + " WHERE " + product +
                           " GROUP BY cid HAVING min(day) BETWEEN " + date(query.since) + " AND " +
                           date(query.until),
                       2, [&](const row_t& row) { firsts.emplace_back(row[0], row[1]); }, false);
@@ -67,28 +66,28 @@ public:
 
     outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) override
     {
-        return select("SELECT ec, el, cid, count() FROM " + table_ + " FINAL WHERE " +
+        return select("SELECT ec, el, cid, sumMerge(hits) FROM " + feature_days_ + " WHERE " +
                           matching(query, query.since, query.until) + " GROUP BY ec, el, cid",
                       4, [&](const row_t& row) { sink(row[0], row[1], row[2], std::stoll(row[3])); });
     }
 
     outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) override
     {
-        return select("SELECT day, ec, count() FROM " + table_ + " FINAL WHERE " +
+        return select("SELECT day, ec, sumMerge(hits) FROM " + feature_days_ + " WHERE " +
                           matching(query, query.since, query.until) + " GROUP BY day, ec",
                       3, [&](const row_t& row) { sink(row[0], row[1], std::stoll(row[2])); });
     }
 
     outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
     {
-        return select("SELECT day, av, uniqExact(cid) FROM " + table_ + " WHERE " +
+        return select("SELECT day, av, uniqExact(cid) FROM " + user_days_ + " WHERE " +
                           matching(query, query.since, query.until) + " GROUP BY day, av",
                       3, [&](const row_t& row) { rows.push_back({row[0], row[1], std::stoll(row[2])}); });
     }
 
     outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) override
     {
-        return select("SELECT cd2, uniqExact(cid) FROM " + table_ + " WHERE " +
+        return select("SELECT cd2, uniqExact(cid) FROM " + user_days_ + " WHERE " +
                           matching(query, query.since, query.until) + " GROUP BY cd2",
                       2, [&](const row_t& row) { rows.push_back({row[0], std::stoll(row[1])}); });
     }
@@ -118,7 +117,7 @@ private:
     }
 
     const clickhouse_address_t address_;
-    const std::string table_;
+    const std::string user_days_, feature_days_;
     std::atomic<bool> schema_ready_{false};
 };
 

@@ -14,6 +14,7 @@
 #include <log4cplus/loggingmacros.h>
 
 #include "clickhouse_http.hpp"
+#include "clickhouse_schema.hpp"
 #include "spool_sqlite.hpp"
 
 namespace usemeter_collector {
@@ -26,17 +27,6 @@ log4cplus::Logger logger()
 }
 
 const char* const hit_columns = "collector, seq, received, day, tid, cid, an, av, cd1, cd2, cd3, ec, el";
-
-// Partitions by month, so that retention drops whole months cheaply; sorted for the reports,
-// which all filter on product and day; (collector, seq) last makes the key one hit's own.
-std::string create_table_sql(const std::string& table)
-{
-    return "CREATE TABLE IF NOT EXISTS " + table +
-           " (collector String, seq UInt64, received Int64, day Date, tid String, cid String,"
-           " an String, av String, cd1 String, cd2 String, cd3 String, ec String, el String)"
-           " ENGINE = ReplacingMergeTree() PARTITION BY toYYYYMM(day)"
-           " ORDER BY (an, day, collector, seq)";
-}
 
 // Hits read from the spool, and their rows for an insert.
 struct batch_t {
@@ -221,6 +211,11 @@ private:
                 return created;
             schema_ready_ = true;
         }
+        if (!landed_known_) {
+            const outcome_t skipped = skip_landed(http);
+            if (!skipped)
+                return skipped;
+        }
         batch_t batch = std::move(next_);
         next_ = batch_t();
         outcome_t outcome = top_up(batch, 0);
@@ -238,10 +233,23 @@ private:
         if (outcome)
             outcome = spool_->remove_through(batch.hits.back().seq);
         if (!outcome) {
-            next_ = batch_t();  // sent again whole, from the oldest hit on
+            next_ = batch_t();  // sent again whole, from the oldest hit on, unless it landed
+            landed_known_ = false;
             return outcome;
         }
         forwarded_ += batch.hits.size();
+        return outcome;
+    }
+
+    // Drops from the spool what has reached ClickHouse although no acknowledgement said so
+    // (lost, or sent before a restart), so that it is not counted twice.
+    outcome_t skip_landed(clickhouse_http_t& http)
+    {
+        std::int64_t landed = 0;
+        outcome_t outcome = clickhouse_landed_through(http, address_.database, spool_->instance(), landed);
+        if (outcome)
+            outcome = spool_->remove_through(landed);
+        landed_known_ = outcome.ok;
         return outcome;
     }
 
@@ -294,9 +302,12 @@ private:
         erased = std::stoll(result);
         if (erased == 0)
             return {};
-        if (!(outcome = http.run("ALTER TABLE " + table_ + " DELETE WHERE " + condition)))
-            return outcome;
-        return wait_for_mutations(http);
+        const std::string& db = address_.database;
+        outcome = run_each(http, {"ALTER TABLE " + table_ + " DELETE WHERE " + condition,
+                                  "ALTER TABLE " + db + ".user_days DELETE WHERE " + condition,
+                                  "ALTER TABLE " + db + ".feature_days DELETE WHERE (" + condition +
+                                      ") AND day > toDate(0)"});  // the collectors' marks stay
+        return outcome ? wait_for_mutations(http) : outcome;
     }
 
     outcome_t wait_for_mutations(clickhouse_http_t& http)
@@ -306,7 +317,7 @@ private:
             std::string pending;
             const outcome_t outcome = http.run(
                 "SELECT count() FROM system.mutations WHERE database = " +
-                    sql_quoted(address_.database) + " AND table = 'hits' AND is_done = 0 FORMAT TabSeparated",
+                    sql_quoted(address_.database) + " AND is_done = 0 FORMAT TabSeparated",
                 std::string(), &pending);
             if (!outcome || std::stoll(pending) == 0)
                 return outcome;
@@ -321,7 +332,8 @@ private:
     const clickhouse_address_t address_;
     const std::string table_;
     std::unique_ptr<spool_t> spool_;
-    bool schema_ready_ = false;  // the forwarder's own, like next_
+    bool schema_ready_ = false;  // the forwarder's own, like landed_known_ and next_
+    bool landed_known_ = false;
     batch_t next_;
     std::atomic<std::uint64_t> refused_{0};
     std::atomic<std::uint64_t> forwarded_{0};
@@ -337,12 +349,6 @@ private:
 std::string clickhouse_hits_table(const std::string& database)
 {
     return database + ".hits";
-}
-
-outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& database)
-{
-    const outcome_t created = http.run("CREATE DATABASE IF NOT EXISTS " + database);
-    return created ? http.run(create_table_sql(clickhouse_hits_table(database))) : created;
 }
 
 std::unique_ptr<store_t> open_clickhouse_store(const clickhouse_options_t& options, std::string& error)
