@@ -49,8 +49,8 @@ public:
     outcome_t user_days(const report_query_t& query, const std::string& first,
                         const std::string& last, const user_day_sink_t& sink) override
     {
-        return select("SELECT day, cid, max(active) FROM " + user_days_ + " WHERE " +
-                          matching(query, first, last) + " GROUP BY day, cid",
+        // Ungrouped: the report code merges a user's rows of a day, faster than ClickHouse would.
+        return select("SELECT day, cid, active FROM " + user_days_ + " WHERE " + matching(query, first, last),
                       3, [&](const row_t& row) { sink(row[0], row[1], row[2] == "1"); });
     }
 
