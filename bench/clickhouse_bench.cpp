@@ -168,9 +168,16 @@ double best_of_three(work_t work)
 
 bool fill(uc::clickhouse_http_t& http, const std::string& database, long hits)
 {
-    return uc::create_clickhouse_schema(http, database) && http.run(generate_sql(database, hits)) &&
-           http.run("OPTIMIZE TABLE " + database + ".user_days FINAL") &&
-           http.run("OPTIMIZE TABLE " + database + ".feature_days FINAL");
+    const uc::outcome_t filled =
+        uc::run_each(http, {"DROP DATABASE IF EXISTS " + database, "CREATE DATABASE " + database});
+    const uc::outcome_t generated =
+        filled ? uc::create_clickhouse_schema(http, database) : filled;
+    const uc::outcome_t merged = generated ?
+        uc::run_each(http, {generate_sql(database, hits), "OPTIMIZE TABLE " + database + ".user_days FINAL",
+                            "OPTIMIZE TABLE " + database + ".feature_days FINAL"}) : generated;
+    if (!merged)
+        std::fprintf(stderr, "%s\n", merged.error.c_str());
+    return merged.ok;
 }
 
 void BM_clickhouse_reports(benchmark::State& state)
@@ -181,6 +188,7 @@ void BM_clickhouse_reports(benchmark::State& state)
     const char* larger = std::getenv("USEMETER_BENCH_CLICKHOUSE_HITS");
     const long sizes[] = {2000000, larger ? std::atol(larger) : 20000000};
     uc::clickhouse_http_t http("http://127.0.0.1:" + std::to_string(s.server.port()));
+    http.set_patient(true);  // generating 20 M hits takes minutes
     uc::report_query_t query{"bench", "", "2026-01-01", "2026-01-30"};
     for (auto _ : state) {
         for (const long size : sizes) {

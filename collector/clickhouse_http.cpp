@@ -88,7 +88,7 @@ outcome_t clickhouse_http_t::run(const std::string& statement, const std::string
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, 3000L);
     // A server that stalls mid-answer counts as failed; a long but moving insert does not.
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, patient_ ? 0L : 1L);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
     const CURLcode code = curl_easy_perform(curl);
     if (code != CURLE_OK)

@@ -33,7 +33,12 @@ public:
     outcome_t run(const std::string& statement, const std::string& rows = std::string(),
                   std::string* result = nullptr);
 
+    // For statements that work for minutes before they answer (a back-fill, a merge): a
+    // silent server is waited for. Otherwise 60 s of silence count as a failure.
+    void set_patient(bool patient) { patient_ = patient; }
+
 private:
+    bool patient_ = false;
     void* curl_;
     std::string server_;
 };

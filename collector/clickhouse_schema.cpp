@@ -92,11 +92,16 @@ outcome_t back_fill(clickhouse_http_t& http, const std::string& db)
         return outcome;
     LOG4CPLUS_WARN(logger(), "ClickHouse: back-filling the report aggregates of " << db << " from "
                                  << count.substr(0, count.size() - 1) << " stored hits");
+    http.set_patient(true);
     outcome = run_each(http, {"INSERT INTO " + db + ".user_days" + with_source(user_days_select, db + ".hits"),
                              "INSERT INTO " + db + ".feature_days" +
                                  with_source(feature_days_select, db + ".hits FINAL")});
+    http.set_patient(false);
     if (outcome)
         LOG4CPLUS_WARN(logger(), "ClickHouse: the report aggregates of " << db << " are complete");
+    else
+        LOG4CPLUS_ERROR(logger(), "ClickHouse: back-filling the report aggregates of " << db << " failed: "
+                                      << outcome.error << "; see docs/scaling.md, upgrading");
     return outcome;
 }
 
