@@ -139,7 +139,7 @@ public:
         return erase_where("day < toDate(" + sql_quoted(first_kept_day) + ")", erased);
     }
 
-    std::int64_t backlog() const override { return spool_ ? spool_->size() : 0; }
+    std::int64_t backlog() const override { return spool_ ? unsent() : 0; }
 
     std::string metrics_text() const override
     {
@@ -163,9 +163,18 @@ public:
     }
 
 private:
+    // Hits in the spool that ClickHouse has not acknowledged. The spool's size is read first:
+    // unremoved_ is cleared before a removal, so the answer may be high for a moment, never low.
+    std::int64_t unsent() const
+    {
+        const std::int64_t held = spool_->size();
+        return held - unremoved_;
+    }
+
     // Sends batches while there are hits: full ones at once, a remainder after the time bound.
-    // A failed batch stays in the spool and is sent again whole after a pause. On stop, one
-    // last attempt; whatever fails then stays for the next start.
+    // A failed batch stays in the spool and is sent again whole after a pause. Acknowledged
+    // hits leave the spool while the next batch is inserted, or once there is none. On stop,
+    // one last attempt; whatever fails then stays for the next start.
     void forward_loop()
     {
         clickhouse_http_t http(address_.server);
@@ -174,12 +183,14 @@ private:
         for (bool last = false; !last;) {
             last = failing ? sleep_unless_stopped(pause) : wait_for_batch();
             outcome_t outcome;
-            while (spool_->size() > 0 && outcome) {
+            while (unsent() > 0 && outcome) {
                 outcome = forward_batch(http);
                 note_outcome(outcome, failing);
-                if (!last && spool_->size() < static_cast<std::int64_t>(options_.batch_rows))
+                if (!last && unsent() < static_cast<std::int64_t>(options_.batch_rows))
                     break;
             }
+            if (outcome)
+                note_outcome(outcome = remove_acknowledged(), failing);
             pause = outcome ? std::chrono::milliseconds(100) : std::min(pause * 2, options_.retry_max);
         }
     }
@@ -189,7 +200,7 @@ private:
     {
         std::unique_lock<std::mutex> lock(mutex_);
         wake_.wait_for(lock, options_.batch_wait, [&] {
-            return stopping_ || spool_->size() >= static_cast<std::int64_t>(options_.batch_rows);
+            return stopping_ || unsent() >= static_cast<std::int64_t>(options_.batch_rows);
         });
         return stopping_;
     }
@@ -201,8 +212,9 @@ private:
         return stopping_;
     }
 
-    // Sends the oldest batch. While ClickHouse inserts it, the next one is read and formatted,
-    // so that the spool's share of the time hides behind the insert's.
+    // Sends the oldest batch. While ClickHouse inserts it, the previous batch leaves the spool
+    // and the next one is read and formatted, so that the spool's share of the time hides
+    // behind the insert's.
     outcome_t forward_batch(clickhouse_http_t& http)
     {
         if (!schema_ready_) {
@@ -218,7 +230,7 @@ private:
         }
         batch_t batch = std::move(next_);
         next_ = batch_t();
-        outcome_t outcome = top_up(batch, 0);
+        outcome_t outcome = top_up(batch, acknowledged_);
         if (!outcome || batch.hits.empty())
             return outcome;
         if (!fault_allows(forward_step_t::send))
@@ -226,18 +238,30 @@ private:
         auto insert = std::async(std::launch::async, [&] {
             return http.run("INSERT INTO " + table_ + " (" + hit_columns + ") FORMAT TabSeparated", batch.rows);
         });
+        const outcome_t removed = remove_acknowledged();
         top_up(next_, batch.hits.back().seq);
         outcome = insert.get();
         if (outcome && !fault_allows(forward_step_t::acknowledged))
             outcome = outcome_t::failure("injected fault: the acknowledgement was lost");
-        if (outcome)
-            outcome = spool_->remove_through(batch.hits.back().seq);
+        if (outcome) {
+            acknowledged_ = batch.hits.back().seq;
+            unremoved_ += static_cast<std::int64_t>(batch.hits.size());
+            forwarded_ += batch.hits.size();
+            outcome = removed;
+        }
         if (!outcome) {
             next_ = batch_t();  // sent again whole, from the oldest hit on, unless it landed
             landed_known_ = false;
-            return outcome;
         }
-        forwarded_ += batch.hits.size();
+        return outcome;
+    }
+
+    outcome_t remove_acknowledged()
+    {
+        const std::int64_t held = unremoved_.exchange(0);
+        const outcome_t outcome = held ? spool_->remove_through(acknowledged_) : outcome_t();
+        if (!outcome)
+            unremoved_ += held;
         return outcome;
     }
 
@@ -247,8 +271,14 @@ private:
     {
         std::int64_t landed = 0;
         outcome_t outcome = clickhouse_landed_through(http, address_.database, spool_->instance(), landed);
-        if (outcome)
+        if (outcome && landed > acknowledged_) {
+            const std::int64_t held = unremoved_.exchange(0);
             outcome = spool_->remove_through(landed);
+            if (outcome)
+                acknowledged_ = landed;
+            else
+                unremoved_ += held;
+        }
         landed_known_ = outcome.ok;
         return outcome;
     }
@@ -332,8 +362,10 @@ private:
     const clickhouse_address_t address_;
     const std::string table_;
     std::unique_ptr<spool_t> spool_;
-    bool schema_ready_ = false;  // the forwarder's own, like landed_known_ and next_
+    bool schema_ready_ = false;  // the forwarder's own, like landed_known_, acknowledged_, next_
     bool landed_known_ = false;
+    std::int64_t acknowledged_ = 0;  // ClickHouse has acknowledged every hit up to this seq
+    std::atomic<std::int64_t> unremoved_{0};  // acknowledged hits still in the spool
     batch_t next_;
     std::atomic<std::uint64_t> refused_{0};
     std::atomic<std::uint64_t> forwarded_{0};
