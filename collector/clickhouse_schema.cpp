@@ -48,7 +48,9 @@ const char* const user_days_select =
     " SELECT an, day, av, cd2, cid, max(cd3 = 'y') AS active FROM {hits}"
     " GROUP BY an, day, av, cd2, cid";
 
-// Not partitioned: each insert's counts and its mark are one part, written whole or not at all.
+// Not partitioned: each insert's counts and its mark are one part, written whole or not at all
+// (the view's GROUP BY gives one block for a collector's batch, well under the 100,000 groups
+// where ClickHouse would split it).
 std::string feature_days_sql(const std::string& db)
 {
     return "CREATE TABLE IF NOT EXISTS " + db +
@@ -69,9 +71,15 @@ std::string with_source(std::string select, const std::string& source)
     return select.replace(select.find("{hits}"), 6, source);
 }
 
-std::string view_sql(const std::string& db, const std::string& table, const char* select)
+// ClickHouse runs the views of an insert one after the other in the order of their names,
+// and stops at the first that fails: the marks come last, so a mark means the whole insert
+// has reached both aggregates.
+const char* const user_days_view = "feed_1_user_days";
+const char* const feature_days_view = "feed_2_feature_days";
+
+std::string view_sql(const std::string& db, const char* view, const std::string& table, const char* select)
 {
-    return "CREATE MATERIALIZED VIEW " + db + "." + table + "_feed TO " + db + "." + table + " AS" +
+    return "CREATE MATERIALIZED VIEW " + db + "." + view + " TO " + db + "." + table + " AS" +
            with_source(select, db + ".hits");
 }
 
@@ -110,18 +118,19 @@ outcome_t back_fill(clickhouse_http_t& http, const std::string& db)
 outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& db)
 {
     outcome_t outcome = run_each(http, {"CREATE DATABASE IF NOT EXISTS " + db, hits_sql(db)});
-    if (!outcome || exists(http, db, "feature_days_feed"))
+    if (!outcome || exists(http, db, feature_days_view))
         return outcome;
     outcome = run_each(http, {user_days_sql(db), feature_days_sql(db)});
-    if (outcome && !exists(http, db, "user_days_feed"))
-        outcome = http.run(view_sql(db, "user_days", user_days_select));
+    if (outcome && !exists(http, db, user_days_view))
+        outcome = http.run(view_sql(db, user_days_view, "user_days", user_days_select));
     if (!outcome)
         return outcome;
     // Without IF NOT EXISTS: of two processes upgrading at once, only the one that created
     // the last view back-fills.
-    if (!http.run(view_sql(db, "feature_days", feature_days_select)))
-        return exists(http, db, "feature_days_feed") ? outcome_t()
-                                                      : outcome_t::failure("cannot create " + db + ".feature_days_feed");
+    if (!http.run(view_sql(db, feature_days_view, "feature_days", feature_days_select)))
+        return exists(http, db, feature_days_view)
+                   ? outcome_t()
+                   : outcome_t::failure("cannot create " + db + "." + feature_days_view);
     return back_fill(http, db);
 }
 
