@@ -105,6 +105,10 @@ outcome_t clickhouse_http_t::run(const std::string& statement, const std::string
 
 void append_tsv_field(std::string& row, const std::string& field)
 {
+    if (field.find_first_of(std::string("\\\t\n\r\0", 5)) == std::string::npos) {
+        row += field;  // the usual case: nothing to escape
+        return;
+    }
     for (char c : field) {
         switch (c) {
         case '\\': row += "\\\\"; break;

@@ -37,13 +37,19 @@ struct batch_t {
 // The rows of hits[first...].
 std::string tsv_rows(const std::string& instance, const std::vector<spooled_hit_t>& hits, std::size_t first)
 {
-    std::string rows;
+    std::string rows, day;
     rows.reserve((hits.size() - first) * 160);
+    std::int64_t day_start = 1, day_end = 0;  // the day's seconds [start, end): none yet
     for (std::size_t i = first; i < hits.size(); ++i) {
         const spooled_hit_t& spooled = hits[i];
         const hit_t& hit = spooled.hit;
+        if (hit.received < day_start || hit.received >= day_end) {  // a batch's hits share a day or two
+            day = utc_day(hit.received);
+            day_start = hit.received - ((hit.received % 86400) + 86400) % 86400;
+            day_end = day_start + 86400;
+        }
         rows += instance + '\t' + std::to_string(spooled.seq) + '\t' + std::to_string(hit.received) +
-                '\t' + utc_day(hit.received);
+                '\t' + day;
         for (const std::string* field : {&hit.tid, &hit.cid, &hit.an, &hit.av, &hit.cd1, &hit.cd2,
                                          &hit.cd3, &hit.ec, &hit.el}) {
             rows += '\t';
