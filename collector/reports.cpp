@@ -219,6 +219,17 @@ bool parse_top(const std::string& text, std::size_t& top)
 outcome_t active_report(report_source_t& source, const report_query_t& query,
                         std::vector<active_day_t>& days)
 {
+    std::vector<report_source_t::day_counts_t> counts;
+    bool answered = false;
+    if (outcome_t counted = source.active_counts(query, counts, answered); !counted || answered) {
+        days.clear();
+        for (std::size_t offset = 0; offset < counts.size(); ++offset) {
+            const report_source_t::day_counts_t& c = counts[offset];
+            days.push_back({day_text(day_number(query.since) + static_cast<std::int64_t>(offset)), c.dau,
+                            c.wau, c.mau, c.fresh, share(c.active, c.dau)});
+        }
+        return counted;
+    }
     const std::int64_t first = day_number(query.since) - (month - 1);
     std::vector<day_users_t> user_days;
     if (outcome_t collected = collect_user_days(source, query, first, user_days); !collected)

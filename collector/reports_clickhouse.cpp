@@ -92,7 +92,69 @@ public:
                       2, [&](const row_t& row) { rows.push_back({row[0], std::stoll(row[1])}); });
     }
 
+    // The active report inside ClickHouse when the range and the 29 days before it fit in one
+    // 64-bit mask per user: the user's days as bits (m), the days with cd3=y (am) and the first
+    // day of all, when the user was seen on it (fm). On report day t, a user counts for dau,
+    // wau and mau when m has bit t, one of the bits t-6..t, one of the bits t-29..t.
+    outcome_t active_counts(const report_query_t& query, std::vector<day_counts_t>& days, bool& answered) override
+    {
+        const std::int64_t first = day_number(query.since) - 29, length = day_number(query.until) - first + 1;
+        answered = length <= 64;
+        if (!answered)
+            return {};
+        std::string offsets;
+        for (std::int64_t t = 29; t < length; ++t)
+            offsets += (t == 29 ? "[" : ",") + std::to_string(t);
+        offsets += "]";
+        const auto per_day = [&](const char* mask, const char* bits) {
+            return "arrayMap((t, x) -> toUInt64(bitAnd(x, " + std::string(bits) + ") != 0), " + offsets +
+                   ", replicate(" + mask + ", " + offsets + "))";
+        };
+        const std::string from = date(day_text(first));
+        const std::string bit = "bitShiftLeft(toUInt64(1), toUInt64(greatest(day, " + from + ") - " + from + "))";
+        const std::string seen = "day >= " + from + (query.version.empty() ? "" : " AND av = " + sql_quoted(query.version));
+        const std::string users =
+            "SELECT groupBitOrIf(" + bit + ", " + seen + ") AS m, groupBitOrIf(" + bit + ", " + seen +
+            " AND active = 1) AS am, bitAnd(m, bitShiftLeft(toUInt64(1), toUInt64(greatest(min(day), " + from +
+            ") - " + from + "))) * (min(day) >= " + from + ") AS fm FROM " + user_days_ + " WHERE " +
+            (query.product.empty() ? "1" : "an = " + sql_quoted(query.product)) + " AND day <= " +
+            date(query.until) + " GROUP BY cid";
+        const std::string counts =
+            "SELECT " + per_day("m", "bitShiftLeft(toUInt64(1), t)") + " AS dau, " +
+            per_day("m", "bitShiftLeft(toUInt64(127), t - 6)") + " AS wau, " +
+            per_day("m", "bitShiftLeft(toUInt64(1073741823), t - 29)") + " AS mau, " +
+            per_day("fm", "bitShiftLeft(toUInt64(1), t)") + " AS fresh, " +
+            per_day("am", "bitShiftLeft(toUInt64(1), t)") + " AS act FROM (" + users + ")";
+        days.assign(static_cast<std::size_t>(length - 29), {});
+        bool shaped = true;
+        const outcome_t read = select("SELECT sumForEach(dau), sumForEach(wau), sumForEach(mau),"
+                                      " sumForEach(fresh), sumForEach(act) FROM (" + counts + ")",
+                                      5, [&](const row_t& row) {
+                                          for (std::size_t column = 0; column < 5; ++column)
+                                              shaped = take_counts(row[column], days, column) && shaped;
+                                      }, false);
+        return !read || shaped ? read : outcome_t::failure("ClickHouse answered counts of an unexpected shape");
+    }
+
 private:
+    // One array "[n,n,...]" of per-day counts into days' field number column; "[]" when
+    // nobody reported leaves zeros. False for anything else.
+    static bool take_counts(const std::string& text, std::vector<day_counts_t>& days, std::size_t column)
+    {
+        std::int64_t day_counts_t::*const fields[] = {&day_counts_t::dau, &day_counts_t::wau, &day_counts_t::mau,
+                                                      &day_counts_t::fresh, &day_counts_t::active};
+        std::vector<std::int64_t> numbers;
+        std::size_t at = 1;
+        while (at < text.size() && is_count(text.substr(at, text.find_first_of(",]", at) - at))) {
+            const std::size_t end = text.find_first_of(",]", at);
+            numbers.push_back(std::stoll(text.substr(at, end - at)));
+            at = end + 1;
+        }
+        for (std::size_t day = 0; numbers.size() == days.size() && day < days.size(); ++day)
+            days[day].*fields[column] = numbers[day];
+        return text == "[]" || (numbers.size() == days.size() && at == text.size());
+    }
+
     // Runs a SELECT and hands each row to take, once it has the expected width and (unless
     // ends_in_count is false) a count in its last column. The schema is created
     // first, so that a collector whose forwarder has not reached ClickHouse yet reports zeros.
