@@ -18,13 +18,17 @@ const std::int64_t longest_range = 3660;
 const std::int64_t week = 7, month = 30;
 
 // Distinct client ids over a sliding window of days: add a day, drop the day that left.
+// Ids are numbered densely from 0, so the counts are a vector.
 class window_t {
 public:
     void add(const std::vector<std::size_t>& ids)
     {
-        for (std::size_t id : ids)
+        for (std::size_t id : ids) {
+            if (id >= count_.size())
+                count_.resize(id + 1 + count_.size() / 2);
             if (count_[id]++ == 0)
                 ++distinct_;
+        }
     }
     void remove(const std::vector<std::size_t>& ids)
     {
@@ -35,7 +39,7 @@ public:
     std::int64_t distinct() const { return distinct_; }
 
 private:
-    std::unordered_map<std::size_t, int> count_;
+    std::vector<int> count_;
     std::int64_t distinct_ = 0;
 };
 
@@ -76,10 +80,11 @@ outcome_t collect_user_days(report_source_t& source, const report_query_t& query
     std::unordered_map<std::string, std::size_t> ids;
     std::vector<std::int64_t> first_of_id;  // by id; -1: before the range
     auto id_of = [&](const std::string& cid) {
-        const auto added = ids.emplace(cid, ids.size());
-        if (added.second)
-            first_of_id.push_back(-1);
-        return added.first->second;
+        const auto found = ids.find(cid);  // before emplace, which allocates even for a known id
+        if (found != ids.end())
+            return found->second;
+        first_of_id.push_back(-1);
+        return ids.emplace(cid, ids.size()).first->second;
     };
     for (const auto& [cid, day] : firsts)
         first_of_id[id_of(cid)] = day_number(day) - first;
@@ -111,7 +116,8 @@ outcome_t count_features(report_source_t& source, const report_query_t& query,
     std::unordered_map<std::string, std::size_t> ids;
     outcome_t read = source.feature_uses(query, [&](const std::string& category, const std::string& label,
                                                     const std::string& cid, std::int64_t hits) {
-        const std::size_t id = ids.emplace(cid, ids.size()).first->second;
+        const auto found = ids.find(cid);
+        const std::size_t id = found != ids.end() ? found->second : ids.emplace(cid, ids.size()).first->second;
         for (tally_t* tally : {&tallies[{category, std::nullopt}], &tallies[{category, label}]}) {
             tally->hits += hits;
             tally->users.insert(id);
@@ -214,6 +220,17 @@ bool parse_top(const std::string& text, std::size_t& top)
 outcome_t active_report(report_source_t& source, const report_query_t& query,
                         std::vector<active_day_t>& days)
 {
+    std::vector<report_source_t::day_counts_t> counts;
+    bool answered = false;
+    if (outcome_t counted = source.active_counts(query, counts, answered); !counted || answered) {
+        days.clear();
+        for (std::size_t offset = 0; offset < counts.size(); ++offset) {
+            const report_source_t::day_counts_t& c = counts[offset];
+            days.push_back({day_text(day_number(query.since) + static_cast<std::int64_t>(offset)), c.dau,
+                            c.wau, c.mau, c.fresh, share(c.active, c.dau), share(c.dau, c.mau)});
+        }
+        return counted;
+    }
     const std::int64_t first = day_number(query.since) - (month - 1);
     std::vector<day_users_t> user_days;
     if (outcome_t collected = collect_user_days(source, query, first, user_days); !collected)

@@ -110,6 +110,19 @@ public:
     // order and possibly more than once.
     virtual outcome_t version_categories(const report_query_t& query, const version_category_sink_t& sink) = 0;
     virtual outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) = 0;
+
+    // A store may work out the active report's counts itself, with the same definitions, for
+    // each day of since..until; answered stays false when it leaves them to user_days and
+    // first_days (the default).
+    struct day_counts_t {
+        std::int64_t dau = 0, wau = 0, mau = 0, fresh = 0, active = 0;
+    };
+    virtual outcome_t active_counts(const report_query_t& /*query*/, std::vector<day_counts_t>& /*days*/,
+                                    bool& answered)
+    {
+        answered = false;
+        return {};
+    }
 };
 
 // Opens a read-only source on the store a URI names; nullptr with error set when it cannot.

@@ -88,7 +88,7 @@ outcome_t clickhouse_http_t::run(const std::string& statement, const std::string
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, 3000L);
     // A server that stalls mid-answer counts as failed; a long but moving insert does not.
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, patient_ ? 0L : 1L);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 60L);
     const CURLcode code = curl_easy_perform(curl);
     if (code != CURLE_OK)
@@ -105,6 +105,10 @@ outcome_t clickhouse_http_t::run(const std::string& statement, const std::string
 
 void append_tsv_field(std::string& row, const std::string& field)
 {
+    if (field.find_first_of(std::string("\\\t\n\r\0", 5)) == std::string::npos) {
+        row += field;  // the usual case: nothing to escape
+        return;
+    }
     for (char c : field) {
         switch (c) {
         case '\\': row += "\\\\"; break;
@@ -158,6 +162,14 @@ std::string sql_quoted(const std::string& text)
         quoted += c;
     }
     return quoted + "'";
+}
+
+outcome_t run_each(clickhouse_http_t& http, const std::vector<std::string>& statements)
+{
+    outcome_t outcome;
+    for (auto statement = statements.begin(); outcome && statement != statements.end(); ++statement)
+        outcome = http.run(*statement);
+    return outcome;
 }
 
 }  // namespace usemeter_collector

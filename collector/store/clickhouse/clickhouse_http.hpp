@@ -33,10 +33,18 @@ public:
     outcome_t run(const std::string& statement, const std::string& rows = std::string(),
                   std::string* result = nullptr);
 
+    // For statements that work for minutes before they answer (a back-fill, a merge): a
+    // silent server is waited for. Otherwise 60 s of silence count as a failure.
+    void set_patient(bool patient) { patient_ = patient; }
+
 private:
+    bool patient_ = false;
     void* curl_;
     std::string server_;
 };
+
+// Runs statements in order, up to the first that fails.
+outcome_t run_each(clickhouse_http_t& http, const std::vector<std::string>& statements);
 
 // TabSeparated text: a field escaped for a row, and the rows of a result unescaped.
 void append_tsv_field(std::string& row, const std::string& field);

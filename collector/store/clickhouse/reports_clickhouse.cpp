@@ -1,16 +1,14 @@
-// The reports' questions answered by ClickHouse from the hits table itself: ClickHouse groups
-// the hits into user-days and feature uses, so only those travel, not the hits.
-//
-// A batch sent again after a lost acknowledgement may be stored twice until a merge drops the
-// copy. A copy never adds a client id or a day, so only hit counts need care: they read the
-// table FINAL, which merges the copies of a key (collector, seq) as the query reads them
-// (measured faster than counting distinct keys per group).
+// The reports' questions answered by ClickHouse from the aggregates it keeps itself
+// (clickhouse_schema.cpp): user_days for users, feature_days for hit counts, so the cost of
+// a report grows with users, days and labels, not with hits. Rows of an aggregate not yet
+// merged are merged by the GROUP BY of each query; copies in user_days change no set.
 //
 // Every call has its own connection, so the collector's threads may share one source.
 #include <atomic>
 
-#include "collector/store/clickhouse/clickhouse_http.hpp"
 #include "collector/reports/reports.hpp"
+#include "collector/store/clickhouse/clickhouse_http.hpp"
+#include "collector/store/clickhouse/clickhouse_schema.hpp"
 #include "collector/store/clickhouse/store_clickhouse.hpp"
 
 namespace usemeter_collector {
@@ -24,10 +22,11 @@ std::string date(const std::string& day)
     return "toDate(" + sql_quoted(day) + ")";
 }
 
-// The query's product and version, and the days first..last.
+// The query's product and version, and the days first..last (never day 0, the collectors'
+// marks in feature_days).
 std::string matching(const report_query_t& query, const std::string& first, const std::string& last)
 {
-    std::string condition = "day BETWEEN " + date(first) + " AND " + date(last);
+    std::string condition = "day BETWEEN " + date(first) + " AND " + date(last) + " AND day > toDate(0)";
     if (!query.product.empty())
         condition += " AND an = " + sql_quoted(query.product);
     if (!query.version.empty())
@@ -43,15 +42,16 @@ bool is_count(const std::string& text)
 class clickhouse_report_source_t : public report_source_t {
 public:
     explicit clickhouse_report_source_t(clickhouse_address_t address)
-        : address_(std::move(address)), table_(clickhouse_hits_table(address_.database))
+        : address_(std::move(address)), user_days_(address_.database + ".user_days"),
+          feature_days_(address_.database + ".feature_days")
     {
     }
 
     outcome_t user_days(const report_query_t& query, const std::string& first,
                         const std::string& last, const user_day_sink_t& sink) override
     {
-        return select("SELECT day, cid, max(cd3 = 'y') FROM " + table_ + " WHERE " +
-                          matching(query, first, last) + " GROUP BY day, cid",
+        // Ungrouped: the report code merges a user's rows of a day, faster than ClickHouse would.
+        return select("SELECT day, cid, active FROM " + user_days_ + " WHERE " + matching(query, first, last),
                       3, [&](const row_t& row) { sink(row[0], row[1], row[2] == "1"); });
     }
 
@@ -59,7 +59,7 @@ public:
                          std::vector<std::pair<std::string, std::string>>& firsts) override
     {
         const std::string product = query.product.empty() ? "1" : "an = " + sql_quoted(query.product);
-        return select("SELECT cid, toString(min(day)) FROM " + table_ + " WHERE " + product +
+        return select("SELECT cid, toString(min(day)) FROM " + user_days_ + " WHERE " + product +
                           " GROUP BY cid HAVING min(day) BETWEEN " + date(query.since) + " AND " +
                           date(query.until),
                       2, [&](const row_t& row) { firsts.emplace_back(row[0], row[1]); }, false);
@@ -67,41 +67,102 @@ public:
 
     outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) override
     {
-        return select("SELECT ec, el, cid, count() FROM " + table_ + " FINAL WHERE " +
+        return select("SELECT ec, el, cid, sumMerge(hits) FROM " + feature_days_ + " WHERE " +
                           matching(query, query.since, query.until) + " GROUP BY ec, el, cid",
                       4, [&](const row_t& row) { sink(row[0], row[1], row[2], std::stoll(row[3])); });
     }
 
     outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) override
     {
-        return select("SELECT day, ec, count() FROM " + table_ + " FINAL WHERE " +
+        return select("SELECT day, ec, sumMerge(hits) FROM " + feature_days_ + " WHERE " +
                           matching(query, query.since, query.until) + " GROUP BY day, ec",
                       3, [&](const row_t& row) { sink(row[0], row[1], std::stoll(row[2])); });
     }
 
     outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
     {
-        return select("SELECT day, av, uniqExact(cid) FROM " + table_ + " WHERE " +
+        return select("SELECT day, av, uniqExact(cid) FROM " + user_days_ + " WHERE " +
                           matching(query, query.since, query.until) + " GROUP BY day, av",
                       3, [&](const row_t& row) { rows.push_back({row[0], row[1], std::stoll(row[2])}); });
     }
 
     outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) override
     {
-        return select("SELECT cd2, uniqExact(cid) FROM " + table_ + " WHERE " +
+        return select("SELECT cd2, uniqExact(cid) FROM " + user_days_ + " WHERE " +
                           matching(query, query.since, query.until) + " GROUP BY cd2",
                       2, [&](const row_t& row) { rows.push_back({row[0], std::stoll(row[1])}); });
     }
 
-    // From the hits until the aggregates answer it.
+    // The active report inside ClickHouse when the range and the 29 days before it fit in one
+    // 64-bit mask per user: the user's days as bits (m), the days with cd3=y (am) and the first
+    // day of all, when the user was seen on it (fm). On report day t, a user counts for dau,
+    // wau and mau when m has bit t, one of the bits t-6..t, one of the bits t-29..t.
+    outcome_t active_counts(const report_query_t& query, std::vector<day_counts_t>& days, bool& answered) override
+    {
+        const std::int64_t first = day_number(query.since) - 29, length = day_number(query.until) - first + 1;
+        answered = length <= 64;
+        if (!answered)
+            return {};
+        std::string offsets;
+        for (std::int64_t t = 29; t < length; ++t)
+            offsets += (t == 29 ? "[" : ",") + std::to_string(t);
+        offsets += "]";
+        const auto per_day = [&](const char* mask, const char* bits) {
+            return "arrayMap((t, x) -> toUInt64(bitAnd(x, " + std::string(bits) + ") != 0), " + offsets +
+                   ", replicate(" + mask + ", " + offsets + "))";
+        };
+        const std::string from = date(day_text(first));
+        const std::string bit = "bitShiftLeft(toUInt64(1), toUInt64(greatest(day, " + from + ") - " + from + "))";
+        const std::string seen = "day >= " + from + (query.version.empty() ? "" : " AND av = " + sql_quoted(query.version));
+        const std::string users =
+            "SELECT groupBitOrIf(" + bit + ", " + seen + ") AS m, groupBitOrIf(" + bit + ", " + seen +
+            " AND active = 1) AS am, bitAnd(m, bitShiftLeft(toUInt64(1), toUInt64(greatest(min(day), " + from +
+            ") - " + from + "))) * (min(day) >= " + from + ") AS fm FROM " + user_days_ + " WHERE " +
+            (query.product.empty() ? "1" : "an = " + sql_quoted(query.product)) + " AND day <= " +
+            date(query.until) + " GROUP BY cid";
+        const std::string counts =
+            "SELECT " + per_day("m", "bitShiftLeft(toUInt64(1), t)") + " AS dau, " +
+            per_day("m", "bitShiftLeft(toUInt64(127), t - 6)") + " AS wau, " +
+            per_day("m", "bitShiftLeft(toUInt64(1073741823), t - 29)") + " AS mau, " +
+            per_day("fm", "bitShiftLeft(toUInt64(1), t)") + " AS fresh, " +
+            per_day("am", "bitShiftLeft(toUInt64(1), t)") + " AS act FROM (" + users + ")";
+        days.assign(static_cast<std::size_t>(length - 29), {});
+        bool shaped = true;
+        const outcome_t read = select("SELECT sumForEach(dau), sumForEach(wau), sumForEach(mau),"
+                                      " sumForEach(fresh), sumForEach(act) FROM (" + counts + ")",
+                                      5, [&](const row_t& row) {
+                                          for (std::size_t column = 0; column < 5; ++column)
+                                              shaped = take_counts(row[column], days, column) && shaped;
+                                      }, false);
+        return !read || shaped ? read : outcome_t::failure("ClickHouse answered counts of an unexpected shape");
+    }
+
     outcome_t version_categories(const report_query_t& query, const version_category_sink_t& sink) override
     {
-        return select("SELECT av, ec, cid FROM " + table_ + " WHERE " + matching(query, query.since, query.until) +
+        return select("SELECT av, ec, cid FROM " + feature_days_ + " WHERE " + matching(query, query.since, query.until) +
                           " GROUP BY av, ec, cid",
                       3, [&](const row_t& row) { sink(row[0], row[1], row[2]); }, false);
     }
 
 private:
+    // One array "[n,n,...]" of per-day counts into days' field number column; "[]" when
+    // nobody reported leaves zeros. False for anything else.
+    static bool take_counts(const std::string& text, std::vector<day_counts_t>& days, std::size_t column)
+    {
+        std::int64_t day_counts_t::*const fields[] = {&day_counts_t::dau, &day_counts_t::wau, &day_counts_t::mau,
+                                                      &day_counts_t::fresh, &day_counts_t::active};
+        std::vector<std::int64_t> numbers;
+        std::size_t at = 1;
+        while (at < text.size() && is_count(text.substr(at, text.find_first_of(",]", at) - at))) {
+            const std::size_t end = text.find_first_of(",]", at);
+            numbers.push_back(std::stoll(text.substr(at, end - at)));
+            at = end + 1;
+        }
+        for (std::size_t day = 0; numbers.size() == days.size() && day < days.size(); ++day)
+            days[day].*fields[column] = numbers[day];
+        return text == "[]" || (numbers.size() == days.size() && at == text.size());
+    }
+
     // Runs a SELECT and hands each row to take, once it has the expected width and (unless
     // ends_in_count is false) a count in its last column. The schema is created
     // first, so that a collector whose forwarder has not reached ClickHouse yet reports zeros.
@@ -126,7 +187,7 @@ private:
     }
 
     const clickhouse_address_t address_;
-    const std::string table_;
+    const std::string user_days_, feature_days_;
     std::atomic<bool> schema_ready_{false};
 };
 

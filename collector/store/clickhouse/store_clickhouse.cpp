@@ -14,6 +14,7 @@
 #include <log4cplus/loggingmacros.h>
 
 #include "collector/store/clickhouse/clickhouse_http.hpp"
+#include "collector/store/clickhouse/clickhouse_schema.hpp"
 #include "collector/store/sqlite/spool_sqlite.hpp"
 
 namespace usemeter_collector {
@@ -27,17 +28,6 @@ log4cplus::Logger logger()
 
 const char* const hit_columns = "collector, seq, received, day, tid, cid, an, av, cd1, cd2, cd3, ec, el";
 
-// Partitions by month, so that retention drops whole months cheaply; sorted for the reports,
-// which all filter on product and day; (collector, seq) last makes the key one hit's own.
-std::string create_table_sql(const std::string& table)
-{
-    return "CREATE TABLE IF NOT EXISTS " + table +
-           " (collector String, seq UInt64, received Int64, day Date, tid String, cid String,"
-           " an String, av String, cd1 String, cd2 String, cd3 String, ec String, el String)"
-           " ENGINE = ReplacingMergeTree() PARTITION BY toYYYYMM(day)"
-           " ORDER BY (an, day, collector, seq)";
-}
-
 // Hits read from the spool, and their rows for an insert.
 struct batch_t {
     std::vector<spooled_hit_t> hits;
@@ -47,15 +37,20 @@ struct batch_t {
 // The rows of hits[first...].
 std::string tsv_rows(const std::string& instance, const std::vector<spooled_hit_t>& hits, std::size_t first)
 {
-    std::string rows;
+    std::string rows, day;
     rows.reserve((hits.size() - first) * 160);
+    std::int64_t day_start = 1, day_end = 0;  // the day's seconds [start, end): none yet
     for (std::size_t i = first; i < hits.size(); ++i) {
         const spooled_hit_t& spooled = hits[i];
         const hit_t& hit = spooled.hit;
+        if (hit.received < day_start || hit.received >= day_end) {  // a batch's hits share a day or two
+            day = utc_day(hit.received);
+            day_start = hit.received - ((hit.received % 86400) + 86400) % 86400;
+            day_end = day_start + 86400;
+        }
         rows += instance + '\t' + std::to_string(spooled.seq) + '\t' + std::to_string(hit.received) +
-                '\t' + utc_day(hit.received);
-        for (const std::string* field : {&hit.tid, &hit.cid, &hit.an, &hit.av, &hit.cd1, &hit.cd2,
-                                         &hit.cd3, &hit.ec, &hit.el}) {
+                '\t' + day;
+        for (const std::string* field : hit.fields()) {
             rows += '\t';
             append_tsv_field(rows, *field);
         }
@@ -149,7 +144,7 @@ public:
         return erase_where("day < toDate(" + sql_quoted(first_kept_day) + ")", erased);
     }
 
-    std::int64_t backlog() const override { return spool_ ? spool_->size() : 0; }
+    std::int64_t backlog() const override { return spool_ ? unsent() : 0; }
 
     std::string metrics_text() const override
     {
@@ -173,9 +168,18 @@ public:
     }
 
 private:
+    // Hits in the spool that ClickHouse has not acknowledged. The spool's size is read first:
+    // unremoved_ is cleared before a removal, so the answer may be high for a moment, never low.
+    std::int64_t unsent() const
+    {
+        const std::int64_t held = spool_->size();
+        return held - unremoved_;
+    }
+
     // Sends batches while there are hits: full ones at once, a remainder after the time bound.
-    // A failed batch stays in the spool and is sent again whole after a pause. On stop, one
-    // last attempt; whatever fails then stays for the next start.
+    // A failed batch stays in the spool and is sent again whole after a pause. Acknowledged
+    // hits leave the spool while the next batch is inserted, or once there is none. On stop,
+    // one last attempt; whatever fails then stays for the next start.
     void forward_loop()
     {
         clickhouse_http_t http(address_.server);
@@ -184,12 +188,14 @@ private:
         for (bool last = false; !last;) {
             last = failing ? sleep_unless_stopped(pause) : wait_for_batch();
             outcome_t outcome;
-            while (spool_->size() > 0 && outcome) {
+            while (unsent() > 0 && outcome) {
                 outcome = forward_batch(http);
                 note_outcome(outcome, failing);
-                if (!last && spool_->size() < static_cast<std::int64_t>(options_.batch_rows))
+                if (!last && unsent() < static_cast<std::int64_t>(options_.batch_rows))
                     break;
             }
+            if (outcome)
+                note_outcome(outcome = remove_acknowledged(), failing);
             pause = outcome ? std::chrono::milliseconds(100) : std::min(pause * 2, options_.retry_max);
         }
     }
@@ -199,7 +205,7 @@ private:
     {
         std::unique_lock<std::mutex> lock(mutex_);
         wake_.wait_for(lock, options_.batch_wait, [&] {
-            return stopping_ || spool_->size() >= static_cast<std::int64_t>(options_.batch_rows);
+            return stopping_ || unsent() >= static_cast<std::int64_t>(options_.batch_rows);
         });
         return stopping_;
     }
@@ -211,8 +217,9 @@ private:
         return stopping_;
     }
 
-    // Sends the oldest batch. While ClickHouse inserts it, the next one is read and formatted,
-    // so that the spool's share of the time hides behind the insert's.
+    // Sends the oldest batch. While ClickHouse inserts it, the previous batch leaves the spool
+    // and the next one is read and formatted, so that the spool's share of the time hides
+    // behind the insert's.
     outcome_t forward_batch(clickhouse_http_t& http)
     {
         if (!schema_ready_) {
@@ -221,9 +228,14 @@ private:
                 return created;
             schema_ready_ = true;
         }
+        if (!landed_known_) {
+            const outcome_t skipped = skip_landed(http);
+            if (!skipped)
+                return skipped;
+        }
         batch_t batch = std::move(next_);
         next_ = batch_t();
-        outcome_t outcome = top_up(batch, 0);
+        outcome_t outcome = top_up(batch, acknowledged_);
         if (!outcome || batch.hits.empty())
             return outcome;
         if (!fault_allows(forward_step_t::send))
@@ -231,17 +243,48 @@ private:
         auto insert = std::async(std::launch::async, [&] {
             return http.run("INSERT INTO " + table_ + " (" + hit_columns + ") FORMAT TabSeparated", batch.rows);
         });
+        const outcome_t removed = remove_acknowledged();
         top_up(next_, batch.hits.back().seq);
         outcome = insert.get();
         if (outcome && !fault_allows(forward_step_t::acknowledged))
             outcome = outcome_t::failure("injected fault: the acknowledgement was lost");
-        if (outcome)
-            outcome = spool_->remove_through(batch.hits.back().seq);
-        if (!outcome) {
-            next_ = batch_t();  // sent again whole, from the oldest hit on
-            return outcome;
+        if (outcome) {
+            acknowledged_ = batch.hits.back().seq;
+            unremoved_ += static_cast<std::int64_t>(batch.hits.size());
+            forwarded_ += batch.hits.size();
+            outcome = removed;
         }
-        forwarded_ += batch.hits.size();
+        if (!outcome) {
+            next_ = batch_t();  // sent again whole, from the oldest hit on, unless it landed
+            landed_known_ = false;
+        }
+        return outcome;
+    }
+
+    outcome_t remove_acknowledged()
+    {
+        const std::int64_t held = unremoved_.exchange(0);
+        const outcome_t outcome = held ? spool_->remove_through(acknowledged_) : outcome_t();
+        if (!outcome)
+            unremoved_ += held;
+        return outcome;
+    }
+
+    // Drops from the spool what has reached ClickHouse although no acknowledgement said so
+    // (lost, or sent before a restart), so that it is not counted twice.
+    outcome_t skip_landed(clickhouse_http_t& http)
+    {
+        std::int64_t landed = 0;
+        outcome_t outcome = clickhouse_landed_through(http, address_.database, spool_->instance(), landed);
+        if (outcome && landed > acknowledged_) {
+            const std::int64_t held = unremoved_.exchange(0);
+            outcome = spool_->remove_through(landed);
+            if (outcome)
+                acknowledged_ = landed;
+            else
+                unremoved_ += held;
+        }
+        landed_known_ = outcome.ok;
         return outcome;
     }
 
@@ -294,9 +337,12 @@ private:
         erased = std::stoll(result);
         if (erased == 0)
             return {};
-        if (!(outcome = http.run("ALTER TABLE " + table_ + " DELETE WHERE " + condition)))
-            return outcome;
-        return wait_for_mutations(http);
+        const std::string& db = address_.database;
+        outcome = run_each(http, {"ALTER TABLE " + table_ + " DELETE WHERE " + condition,
+                                  "ALTER TABLE " + db + ".user_days DELETE WHERE " + condition,
+                                  "ALTER TABLE " + db + ".feature_days DELETE WHERE (" + condition +
+                                      ") AND day > toDate(0)"});  // the collectors' marks stay
+        return outcome ? wait_for_mutations(http) : outcome;
     }
 
     outcome_t wait_for_mutations(clickhouse_http_t& http)
@@ -306,7 +352,7 @@ private:
             std::string pending;
             const outcome_t outcome = http.run(
                 "SELECT count() FROM system.mutations WHERE database = " +
-                    sql_quoted(address_.database) + " AND table = 'hits' AND is_done = 0 FORMAT TabSeparated",
+                    sql_quoted(address_.database) + " AND is_done = 0 FORMAT TabSeparated",
                 std::string(), &pending);
             if (!outcome || std::stoll(pending) == 0)
                 return outcome;
@@ -321,7 +367,10 @@ private:
     const clickhouse_address_t address_;
     const std::string table_;
     std::unique_ptr<spool_t> spool_;
-    bool schema_ready_ = false;  // the forwarder's own, like next_
+    bool schema_ready_ = false;  // the forwarder's own, like landed_known_, acknowledged_, next_
+    bool landed_known_ = false;
+    std::int64_t acknowledged_ = 0;  // ClickHouse has acknowledged every hit up to this seq
+    std::atomic<std::int64_t> unremoved_{0};  // acknowledged hits still in the spool
     batch_t next_;
     std::atomic<std::uint64_t> refused_{0};
     std::atomic<std::uint64_t> forwarded_{0};
@@ -337,12 +386,6 @@ private:
 std::string clickhouse_hits_table(const std::string& database)
 {
     return database + ".hits";
-}
-
-outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& database)
-{
-    const outcome_t created = http.run("CREATE DATABASE IF NOT EXISTS " + database);
-    return created ? http.run(create_table_sql(clickhouse_hits_table(database))) : created;
 }
 
 std::unique_ptr<store_t> open_clickhouse_store(const clickhouse_options_t& options, std::string& error)

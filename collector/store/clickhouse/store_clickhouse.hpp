@@ -3,11 +3,12 @@
 // order, in batches of thousands of rows or after a time bound, over its HTTP interface.
 // A hit leaves the spool only once ClickHouse has acknowledged the insert that held it.
 //
-// Nothing counted twice: a batch whose answer was lost is sent again whole, with the same
-// (collector, seq) key per hit; the table is a ReplacingMergeTree on a sort key that ends in
-// that key, so background merges drop the copies, and every count that could see a copy
-// before that (hits in the features report, export, erase) counts distinct keys. Distinct
-// users need nothing extra: a copy never adds a client id.
+// Nothing counted twice: before it sends a batch whose acknowledgement it has not seen (the
+// first after a start or a failure), the forwarder asks ClickHouse how far its hits have
+// reached the aggregates (clickhouse_landed_through) and drops those from the spool. A batch
+// that stopped half way (hits stored, aggregates not) is sent again whole: the hits table is
+// a ReplacingMergeTree on a key that ends in (collector, seq), so merges drop the copies, and
+// export and erase count distinct keys until then; the user sets are unchanged by a copy.
 //
 // Threads: the commit writer calls append(); one forwarder thread owns the ClickHouse
 // connection used for inserts; the owners' duties and the reports open their own.
@@ -21,6 +22,7 @@
 #include <memory>
 #include <string>
 
+#include "collector/store/clickhouse/clickhouse_schema.hpp"
 #include "collector/store/store.hpp"
 
 namespace usemeter_collector {
@@ -47,12 +49,8 @@ struct clickhouse_options_t {
     std::function<bool(forward_step_t)> fault;
 };
 
-class clickhouse_http_t;
-
 // The table every ClickHouse statement of the collector names: "DATABASE.hits".
 std::string clickhouse_hits_table(const std::string& database);
-// Creates the database and the table unless they exist (the collector owns the schema).
-outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& database);
 
 // nullptr with error set when the URI is malformed or the spool cannot be opened. ClickHouse
 // itself need not be up: the schema is created on the first successful connection.
