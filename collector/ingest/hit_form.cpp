@@ -1,6 +1,9 @@
 #include "collector/ingest/hit_form.hpp"
 
+#include <algorithm>
 #include <map>
+
+#include <curl/curl.h>
 
 namespace usemeter_collector {
 
@@ -33,33 +36,18 @@ std::size_t limit_of(const std::string& key)
     return 0;
 }
 
-int hex_digit(char c)
+// Form decoding through libcurl: '+' is a space (replaced first, so "%2B" stays a '+'), %XX a
+// byte, and a '%' without two hex digits stays as it is.
+std::string decode_component(std::string text)
 {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-// Form decoding: '+' is a space, %XX a byte; a '%' without two hex digits stays as it is.
-std::string decode_component(const std::string& text)
-{
-    std::string decoded;
-    decoded.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const int high = text[i] == '%' && i + 2 < text.size() ? hex_digit(text[i + 1]) : -1;
-        const int low = high >= 0 ? hex_digit(text[i + 2]) : -1;
-        if (low >= 0) {
-            decoded += static_cast<char>(high * 16 + low);
-            i += 2;
-        } else {
-            decoded += text[i] == '+' ? ' ' : text[i];
-        }
-    }
-    return decoded;
+    std::replace(text.begin(), text.end(), '+', ' ');
+    int length = 0;
+    char* decoded = curl_easy_unescape(nullptr, text.data(), static_cast<int>(text.size()), &length);
+    if (!decoded)
+        return std::string();  // out of memory: a field that then fails validation
+    std::string result(decoded, static_cast<std::size_t>(length));
+    curl_free(decoded);
+    return result;
 }
 
 // The sequence length of a UTF-8 lead byte whose continuation bytes are all there, or 0.
