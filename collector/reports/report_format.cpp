@@ -164,6 +164,22 @@ bool report_kind_named(const std::string& name, report_kind_t& kind)
     return false;
 }
 
+const std::vector<report_kind_t>& every_report_kind()
+{
+    static const std::vector<report_kind_t> kinds = [] {
+        std::vector<report_kind_t> all;
+        for (const layout_t& layout : layouts)
+            all.push_back(layout.kind);
+        return all;
+    }();
+    return kinds;
+}
+
+const char* report_kind_name(report_kind_t kind)
+{
+    return layout_of(kind).name;
+}
+
 bool report_format_named(const std::string& name, report_format_t& format)
 {
     const std::pair<const char*, report_format_t> formats[] = {

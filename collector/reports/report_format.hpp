@@ -17,6 +17,9 @@ enum class report_format_t { table, csv, json };
 
 // false for a name that is none of active, features, versions, systems, retention, adoption.
 bool report_kind_named(const std::string& name, report_kind_t& kind);
+// Every kind, in the order the command lists them, and the word that names each.
+const std::vector<report_kind_t>& every_report_kind();
+const char* report_kind_name(report_kind_t kind);
 bool report_format_named(const std::string& name, report_format_t& format);
 
 // One report's rows; only the vector of its kind is filled.

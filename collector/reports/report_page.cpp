@@ -16,11 +16,6 @@ const char* const chart_js_path = "/usr/share/javascript/chart.js/chart.min.js";
 
 namespace {
 
-const report_kind_t every_kind[] = {report_kind_t::active,   report_kind_t::features,
-                                    report_kind_t::versions, report_kind_t::systems,
-                                    report_kind_t::retention, report_kind_t::adoption};
-const char* const every_kind_name[] = {"active", "features", "versions", "systems", "retention", "adoption"};
-
 // Served: only the collector's own files may run, style or be fetched.
 const char* const served_policy =
     "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; "
@@ -78,11 +73,11 @@ std::string json_in_html(const nlohmann::json& data)
 outcome_t all_reports(report_source_t& source, const report_query_t& query, nlohmann::json& data)
 {
     data = {{"scope", {{"product", query.product}, {"version", query.version}}}};
-    for (std::size_t i = 0; i < std::size(every_kind); ++i) {
+    for (const report_kind_t kind : every_report_kind()) {
         report_t report;
-        if (outcome_t made = make_report(source, every_kind[i], query, report); !made)
+        if (outcome_t made = make_report(source, kind, query, report); !made)
             return made;
-        data[every_kind_name[i]] = report_json(report);
+        data[report_kind_name(kind)] = report_json(report);
     }
     // The headline figures' comparison: the range of the same length just before.
     report_query_t previous = query;
