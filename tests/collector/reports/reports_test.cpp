@@ -2,6 +2,7 @@
 // usemeter command in every format; generated hits through the command and the collector's
 // JSON endpoints, which must agree; the page in a real headless browser. Who may read is
 // hostile_test's.
+#include <cmath>
 #include <cstdio>
 #include <regex>
 #include <sstream>
@@ -225,12 +226,16 @@ std::vector<std::string> all_matches(const std::string& text, const std::string&
     return found;
 }
 
+// What the page's toFixed(1) shows: the exact IEEE product (fma: no x87 double rounding on
+// i386), and a tie, which printf would round to even, goes up.
 std::string percent(const json& share)
 {
-    // Rounded to a double first, as the page's script does: i386's x87 keeps more bits.
-    volatile double value = 100 * share.get<double>();
+    const double x = std::fma(100.0, share.get<double>(), 0.0);
+    // Only k.25 and k.75 are exact ties: four times them is odd.
+    const double quarters = 4 * x;
+    const bool tie = quarters == std::floor(quarters) && std::fmod(quarters, 2) == 1;
     char text[32];
-    std::snprintf(text, sizeof text, "%.1f%%", value);
+    std::snprintf(text, sizeof text, "%.1f%%", tie ? (std::floor(10 * x) + 1) / 10 : x);
     return text;
 }
 
