@@ -45,32 +45,6 @@ std::string with_filters(std::string sql, const report_query_t& query)
     return sql;
 }
 
-// One report query over the shared statement: the range and filters bound by name, and a
-// failure that names SQLite's reason.
-class query_t : public statement_t {
-public:
-    query_t(sqlite3* db, const std::string& sql) : statement_t(db, sql), db_(db) {}
-
-    using statement_t::bind;
-    void bind(const report_query_t& query, const std::string& first, const std::string& last)
-    {
-        bind(":first", first);
-        bind(":last", last);
-        bind(":an", query.product);
-        bind(":av", query.version);
-    }
-    template <typename row_fn>
-    outcome_t each(row_fn row)
-    {
-        if (statement_t::each(row))
-            return {};
-        return outcome_t::failure("cannot read the report: " + sqlite_reason(db_));
-    }
-
-private:
-    sqlite3* db_;
-};
-
 class sqlite_report_source_t : public report_source_t {
 public:
     explicit sqlite_report_source_t(sqlite3* db) : db_(db) {}
@@ -80,64 +54,67 @@ public:
     outcome_t user_days(const report_query_t& query, const std::string& first,
                         const std::string& last, const user_day_sink_t& sink) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        query_t select(db_, with_filters(user_days_sql, query));
-        select.bind(query, first, last);
-        return select.each([&] { sink(select.text(0), select.text(1), select.number(2) != 0); });
+        return ask(user_days_sql, query, first, last,
+                   [&](const statement_t& row) { sink(row.text(0), row.text(1), row.number(2) != 0); });
     }
 
     outcome_t first_days(const report_query_t& query,
                          std::vector<std::pair<std::string, std::string>>& firsts) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        query_t select(db_, with_filters(first_days_sql, query));
-        select.bind(query, query.since, query.until);
-        return select.each([&] { firsts.emplace_back(select.text(0), select.text(1)); });
+        return ask(first_days_sql, query, query.since, query.until,
+                   [&](const statement_t& row) { firsts.emplace_back(row.text(0), row.text(1)); });
     }
 
     outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        query_t select(db_, with_filters(features_sql, query));
-        select.bind(query, query.since, query.until);
-        return select.each(
-            [&] { sink(select.text(0), select.text(1), select.text(2), select.number(3)); });
+        return ask(features_sql, query, query.since, query.until, [&](const statement_t& row) {
+            sink(row.text(0), row.text(1), row.text(2), row.number(3));
+        });
     }
 
     outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        query_t select(db_, with_filters(category_days_sql, query));
-        select.bind(query, query.since, query.until);
-        return select.each([&] { sink(select.text(0), select.text(1), select.number(2)); });
+        return ask(category_days_sql, query, query.since, query.until,
+                   [&](const statement_t& row) { sink(row.text(0), row.text(1), row.number(2)); });
     }
 
     outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        query_t select(db_, with_filters(versions_sql, query));
-        select.bind(query, query.since, query.until);
-        return select.each(
-            [&] { rows.push_back({select.text(0), select.text(1), select.number(2)}); });
+        return ask(versions_sql, query, query.since, query.until, [&](const statement_t& row) {
+            rows.push_back({row.text(0), row.text(1), row.number(2)});
+        });
     }
 
     outcome_t version_categories(const report_query_t& query, const version_category_sink_t& sink) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        query_t select(db_, with_filters(version_categories_sql, query));
-        select.bind(query, query.since, query.until);
-        return select.each([&] { sink(select.text(0), select.text(1), select.text(2)); });
+        return ask(version_categories_sql, query, query.since, query.until,
+                   [&](const statement_t& row) { sink(row.text(0), row.text(1), row.text(2)); });
     }
 
     outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        query_t select(db_, with_filters(systems_sql, query));
-        select.bind(query, query.since, query.until);
-        return select.each([&] { rows.push_back({select.text(0), select.number(1)}); });
+        return ask(systems_sql, query, query.since, query.until,
+                   [&](const statement_t& row) { rows.push_back({row.text(0), row.number(1)}); });
     }
 
 private:
+    // One question: the range and filters bound by name, each row handed to row(); a failure
+    // names SQLite's reason.
+    template <typename row_fn>
+    outcome_t ask(const std::string& sql, const report_query_t& query, const std::string& first,
+                  const std::string& last, row_fn row)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        statement_t select(db_, with_filters(sql, query));
+        select.bind(":first", first);
+        select.bind(":last", last);
+        select.bind(":an", query.product);
+        select.bind(":av", query.version);
+        if (select.each([&] { row(select); }))
+            return {};
+        return outcome_t::failure("cannot read the report: " + sqlite_reason(db_));
+    }
+
     std::mutex mutex_;  // one statement at a time on the connection
     sqlite3* db_;
 };
