@@ -11,7 +11,6 @@ namespace usemeter_collector {
 
 namespace {
 
-const std::int64_t seconds_per_day = 86400;
 const std::int64_t default_days = 30;
 // Ten years of days is more than any store holds; anything longer is a typing error.
 const std::int64_t longest_range = 3660;
@@ -161,30 +160,6 @@ int compare_versions(const std::string& a, const std::string& b)
 
 }  // namespace
 
-std::int64_t day_number(const std::string& day)
-{
-    // Days since 1970-01-01 of a proleptic Gregorian date (H. Hinnant's days_from_civil).
-    std::int64_t y = std::stoll(day.substr(0, 4));
-    const std::int64_t m = std::stoll(day.substr(5, 2)), d = std::stoll(day.substr(8, 2));
-    y -= m <= 2;
-    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
-    const std::int64_t yoe = y - era * 400;
-    const std::int64_t doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-    const std::int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return era * 146097 + doe - 719468;
-}
-
-std::string day_text(std::int64_t number)
-{
-    return utc_day(number * seconds_per_day);
-}
-
-std::int64_t monday_of(std::int64_t day)
-{
-    // 1970-01-01 was a Thursday: day 0 is 3 days after its week's Monday.
-    return day - ((day + 3) % 7 + 7) % 7;
-}
-
 bool version_less(const std::string& a, const std::string& b)
 {
     return compare_versions(a, b) < 0;
@@ -291,9 +266,8 @@ outcome_t features_report(report_source_t& source, const report_query_t& query,
 outcome_t weekly_trend(report_source_t& source, const report_query_t& query,
                        const std::vector<feature_row_t>& rows, std::vector<trend_row_t>& trend)
 {
-    const auto monday = monday_of;
-    const std::int64_t first = monday(day_number(query.since));
-    const auto weeks = static_cast<std::size_t>((monday(day_number(query.until)) - first) / 7 + 1);
+    const std::int64_t first = monday_of(day_number(query.since));
+    const auto weeks = static_cast<std::size_t>((monday_of(day_number(query.until)) - first) / 7 + 1);
     std::map<std::string, std::vector<std::int64_t>> hits;
     for (const feature_row_t& row : rows)
         if (!row.label)
@@ -302,7 +276,7 @@ outcome_t weekly_trend(report_source_t& source, const report_query_t& query,
                                                              std::int64_t count) {
         const auto found = hits.find(category);
         if (found != hits.end())
-            found->second[static_cast<std::size_t>((monday(day_number(day)) - first) / 7)] += count;
+            found->second[static_cast<std::size_t>((monday_of(day_number(day)) - first) / 7)] += count;
     });
     trend.clear();
     for (const feature_row_t& row : rows)

@@ -163,11 +163,6 @@ outcome_t adoption_report(report_source_t& source, const report_query_t& query,
 outcome_t systems_report(report_source_t& source, const report_query_t& query,
                          std::vector<system_row_t>& rows);
 
-// Day arithmetic on "YYYY-MM-DD".
-std::int64_t day_number(const std::string& day);
-// The day number of the Monday that starts day's ISO week.
-std::int64_t monday_of(std::int64_t day);
-std::string day_text(std::int64_t number);
 // True when a sorts before b as versions: digit runs compare as numbers.
 bool version_less(const std::string& a, const std::string& b);
 

@@ -9,6 +9,8 @@
 #include <string>
 #include <utility>
 
+#include "collector/store/days.hpp"
+
 namespace usemeter_collector {
 
 struct hit_t {
@@ -32,12 +34,6 @@ struct outcome_t {
     explicit operator bool() const { return ok; }
 };
 
-// "YYYY-MM-DD" of a UTC instant: the day a hit counts for in every report.
-std::string utc_day(std::int64_t seconds);
-// "YYYY-MM-DDTHH:MM:SSZ"
-std::string utc_timestamp(std::int64_t seconds);
-// True for "YYYY-MM-DD" naming a day that exists (no 30 February).
-bool is_day(const std::string& text);
 
 // The export's CSV form, the same from every store: this header line, then per hit the
 // received time (utc_timestamp) and the nine fields, each written by write_csv_field.
