@@ -38,6 +38,9 @@ struct outcome_t {
 // The export's CSV form, the same from every store: this header line, then per hit the
 // received time (utc_timestamp) and the nine fields, each written by write_csv_field.
 extern const char* const export_csv_header;
+// The text fields' columns in hit_t::fields() order, as every table of hits names them.
+// Constant, so other units' constants may be built from it at start-up.
+inline constexpr const char* hit_field_columns = "tid, cid, an, av, cd1, cd2, cd3, ec, el";
 void write_csv_field(std::ostream& out, const std::string& field);
 // A cell a spreadsheet would run as a formula (=, +, -, @, tab, CR first) gets a leading '.
 std::string spreadsheet_safe(const std::string& text);

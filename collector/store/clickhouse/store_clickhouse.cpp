@@ -26,7 +26,7 @@ log4cplus::Logger logger()
     return log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("usemeter.collector"));
 }
 
-const char* const hit_columns = "collector, seq, received, day, tid, cid, an, av, cd1, cd2, cd3, ec, el";
+const std::string hit_columns = std::string("collector, seq, received, day, ") + hit_field_columns;
 
 // Hits read from the spool, and their rows for an insert.
 struct batch_t {
@@ -115,7 +115,7 @@ public:
         clickhouse_http_t http(address_.server);
         outcome_t outcome = create_clickhouse_schema(http, address_.database);
         if (outcome)
-            outcome = http.run("SELECT received, tid, cid, an, av, cd1, cd2, cd3, ec, el FROM " + table_ +
+            outcome = http.run(std::string("SELECT received, ") + hit_field_columns + " FROM " + table_ +
                          " WHERE " + day_range_condition(since, until) +
                          " ORDER BY received, collector, seq LIMIT 1 BY collector, seq"
                          " FORMAT TabSeparated",

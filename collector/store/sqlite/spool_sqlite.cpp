@@ -113,8 +113,8 @@ outcome_t spool_t::append(const std::vector<hit_t>& hits)
 {
     connection_t& c = *writer_;
     std::lock_guard<std::mutex> lock(c.mutex);
-    statement_t insert(c.db, "INSERT INTO spool (received, tid, cid, an, av, cd1, cd2, cd3,"
-                             " ec, el) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    statement_t insert(c.db, std::string("INSERT INTO spool (received, ") + hit_field_columns +
+                                 ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     if (!insert.prepared())
         return c.failed("cannot prepare the insert");
     if (!c.exec("BEGIN IMMEDIATE"))
@@ -137,8 +137,8 @@ outcome_t spool_t::read_after(std::int64_t seq, std::size_t limit, std::vector<s
 {
     connection_t& c = *reader_;
     std::lock_guard<std::mutex> lock(c.mutex);
-    statement_t select(c.db, "SELECT seq, received, tid, cid, an, av, cd1, cd2, cd3, ec, el"
-                             " FROM spool WHERE seq > ? ORDER BY seq LIMIT ?");
+    statement_t select(c.db, std::string("SELECT seq, received, ") + hit_field_columns +
+                                 " FROM spool WHERE seq > ? ORDER BY seq LIMIT ?");
     if (!select.prepared())
         return c.failed("cannot read");
     select.bind(1, seq);

@@ -43,9 +43,8 @@ const char* const migrations[] = {
 };
 const int schema_version = sizeof migrations / sizeof migrations[0];
 
-const char* const insert_hit_sql =
-    "INSERT INTO hits (received, day, tid, cid, an, av, cd1, cd2, cd3, ec, el)"
-    " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)";
+const std::string insert_hit_sql = std::string("INSERT INTO hits (received, day, ") + hit_field_columns +
+                                   ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)";
 const char* const count_user_day_sql =
     "INSERT INTO user_days VALUES (?5, ?2, ?6, ?8, ?4, 1, ?9 = 'y')"
     " ON CONFLICT DO UPDATE SET hits = hits + 1, active = max(active, excluded.active)";
@@ -102,8 +101,8 @@ public:
     {
         std::lock_guard<std::mutex> lock(mutex_);
         statement_t select(db_,
-                           "SELECT received, tid, cid, an, av, cd1, cd2, cd3, ec, el FROM hits"
-                           " WHERE day >= ?1 AND day <= ?2 ORDER BY id");
+                           std::string("SELECT received, ") + hit_field_columns +
+                               " FROM hits WHERE day >= ?1 AND day <= ?2 ORDER BY id");
         if (!select.prepared())
             return failed("cannot read hits");
         const std::string last_day = until.empty() ? std::string("9999-99-99") : until;
@@ -152,7 +151,7 @@ private:
     bool prepare_inserts()
     {
         for (const char* sql :
-             {insert_hit_sql, count_user_day_sql, count_feature_day_sql, note_first_seen_sql}) {
+             {insert_hit_sql.c_str(), count_user_day_sql, count_feature_day_sql, note_first_seen_sql}) {
             inserts_.push_back(std::make_unique<statement_t>(db_, sql));
             if (!inserts_.back()->prepared()) {
                 inserts_.clear();
