@@ -11,6 +11,7 @@
 #include "process/process.hpp"
 #include "rtbase/strings.hpp"
 #include "tracelog/tracelog.hpp"
+#include "usemeter/sys/environment.hpp"
 #include "usemeter/sys/filelock.hpp"
 #include "usemeter/product_locations.hpp"
 
@@ -26,18 +27,6 @@ const log4cplus::Logger logger = tracelog::log::component_logger("usemeter.orb_a
 
 // Exchange files tried per get_uuid() call before giving up.
 const int uuid_exchange_attempts = 19;
-
-struct tool_entry_t {
-    const char* executable;
-    const char* sub_directory;  // below the maker's directory ("norvel")
-};
-
-// Indexed by orb_accessor_impl_t::orb_tool_t.
-const tool_entry_t tools[] = {
-    {"norvelremotemon", "orb/bin/ia32"},
-    {"orb", "orb"},
-    {"checkOPTINconsent", "orb/bin/ia32"},
-};
 
 bool is_tool_lookup_quiet()
 {
@@ -236,7 +225,7 @@ bool orb_accessor_impl_t::is_check_for_updates_enabled() const
 {
     TRACELOG_SCOPE(logger,
                    "bool usemeter_1_5_7::orb_accessor_impl_t::is_check_for_updates_enabled() const");
-    if (basekit::get_environ_value("NORVEL_DISABLE_UPDATES_CHECK").empty()) {
+    if (basekit::get_environ_value(environment::disable_updates_check).empty()) {
         LOG4CPLUS_TRACE(logger, "Return 'true'");
         return true;
     }
@@ -247,7 +236,7 @@ bool orb_accessor_impl_t::is_check_for_updates_enabled() const
 bool orb_accessor_impl_t::is_orb_call_allowed() const
 {
     TRACELOG_SCOPE(logger, "bool usemeter_1_5_7::orb_accessor_impl_t::is_orb_call_allowed() const");
-    if (basekit::get_environ_value("USEMETER_DISABLE_ORB").empty()) {
+    if (basekit::get_environ_value(environment::disable_orb).empty()) {
         LOG4CPLUS_TRACE(logger, "Return 'true'");
         return true;
     }
@@ -258,9 +247,9 @@ bool orb_accessor_impl_t::is_orb_call_allowed() const
 basekit::path_t orb_accessor_impl_t::get_orb_location(orb_tool_t tool) const
 {
     const int index = static_cast<int>(tool);
-    if (index < 0 || index >= static_cast<int>(sizeof tools / sizeof tools[0]))
+    if (index < 0 || index >= static_cast<int>(sizeof support_tools / sizeof support_tools[0]))
         return basekit::path_t();
-    const tool_entry_t& entry = tools[index];
+    const support_tool_t& entry = support_tools[index];
 
     // Both variables choose a program: a privileged process does not take them from its caller.
     const basekit::path_t home(basekit::get_secure_environ_value("HOME"));
@@ -277,7 +266,7 @@ basekit::path_t orb_accessor_impl_t::get_orb_location(orb_tool_t tool) const
         return system_candidate;
 
     // Consulted last on purpose: an installed tool wins over the override.
-    const std::string override_dir = basekit::get_secure_environ_value("NORVEL_ORBTOOL_DIR");
+    const std::string override_dir = basekit::get_secure_environ_value(environment::orb_tool_dir);
     if (!override_dir.empty()) {
         basekit::path_t candidate(override_dir);
         candidate.append(entry.executable);

@@ -11,6 +11,7 @@
 #include "basekit/variant_bag.hpp"
 #include "host/host_services.hpp"
 #include "rtbase/strings.hpp"
+#include "usemeter/sys/environment.hpp"
 #include "tracelog/tracelog.hpp"
 #include "usemeter/sys/host_facts.hpp"
 #include "usemeter/product_locations.hpp"
@@ -122,7 +123,7 @@ std::string statistic_impl_t::load_uuid()
                            "usemeter_1_5_7::statistic_impl_t::load_uuid()");
 
     // A forced identifier is taken as it stands and leaves the file alone.
-    uuid_ = basekit::get_environ_value("NORVEL_FORCE_UUID");
+    uuid_ = basekit::get_environ_value(environment::force_uuid);
     if (!uuid_.empty())
         return uuid_;
 
@@ -174,13 +175,13 @@ statistic_impl_t::env_vars_state_t statistic_impl_t::get_env_vars_state()
         env_vars_state_t state;
         const char* message;
     } rules[] = {
-        {"NORVEL_STATISTICS_DISABLE", evsDisabled,
+        {environment::statistics_disable, evsDisabled,
          "Return 'evsDisabled' - NORVEL_STATISTICS_DISABLE is set"},
-        {"NORVEL_DONOTSEND_FEEDBACK", evsDisabled,
+        {environment::do_not_send_feedback, evsDisabled,
          "Return 'evsDisabled' - NORVEL_DONOTSEND_FEEDBACK is set"},
-        {"NORVEL_DISABLE_FEEDBACK", evsDisabled,
+        {environment::disable_feedback, evsDisabled,
          "Return 'evsDisabled' - NORVEL_DISABLE_FEEDBACK is set"},
-        {"NORVEL_FORCE_FEEDBACK", evsEnabledForced,
+        {environment::force_feedback, evsEnabledForced,
          "Return 'evsEnabledForced' - NORVEL_FORCE_FEEDBACK is set"},
     };
     for (const auto& rule : rules) {
@@ -278,7 +279,7 @@ bool statistic_impl_t::is_send_files_disabled() const
                    "bool usemeter_1_5_7::statistic_impl_t::is_send_files_disabled() const");
 
     // Only this switch forbids files; the other disabling variables stop statistics only.
-    if (is_set("NORVEL_DONOTSEND_FEEDBACK")) {
+    if (is_set(environment::do_not_send_feedback)) {
         LOG4CPLUS_TRACE(logger, "Return 'true' - NORVEL_DONOTSEND_FEEDBACK is enabled");
         return true;
     }

@@ -75,7 +75,7 @@ void statistic_impl_ga_t::notify_feature_usage_ex(const std::string& name, unsig
 
     // Days of use count whether or not anything may be sent.
     active_user_detector.notify_activity();
-    if (!enabled_ || !ready)
+    if (!is_sending())
         return;
 
     std::string category, label;
@@ -83,15 +83,16 @@ void statistic_impl_ga_t::notify_feature_usage_ex(const std::string& name, unsig
         queue_ga_event(category, label);
 }
 
-bool statistic_impl_ga_t::resolve_event(const std::string& name, std::string& category,
-                                        std::string& label) const
+statistic_impl_ga_t::event_rule_t statistic_impl_ga_t::resolve_event(const std::string& name,
+                                                                    std::string& category,
+                                                                    std::string& label) const
 {
     std::string key = name;
     for (;;) {
         if (enabled_events.count(key)) {
             label = key.size() < name.size() ? name.substr(key.size() + 1) : std::string();
             category = std::move(key);
-            return true;
+            return event_whitelisted;
         }
         const std::size_t dot = key.rfind('.');
         if (dot == std::string::npos)
@@ -104,9 +105,9 @@ bool statistic_impl_ga_t::resolve_event(const std::string& name, std::string& ca
         name.find('.', run_prefix.size()) == std::string::npos) {
         category = "run";
         label = name.substr(run_prefix.size());
-        return true;
+        return event_tool_run;
     }
-    return false;
+    return event_dropped;
 }
 
 void statistic_impl_ga_t::queue_ga_event(const std::string& category, const std::string& label)

@@ -48,7 +48,9 @@ int run_consent(int argc, char** argv)
 
     const int env_state = usemeter::statistic_impl_t::get_env_vars_state();
     std::cout << "consent: " << consent_name(statistic.get_user_consent())
-              << (statistic.get_user_consent() == 0 ? " - no answer on record; a host asks the user now" : "")
+              << (statistic.get_user_consent() == usemeter::statistic_impl_t::ucUnknown
+                      ? " - no answer on record; a host asks the user now"
+                      : "")
               << "\n";
     if (env_state != usemeter::statistic_impl_t::evsEnabled)
         std::cout << "note: the environment (" << env_state_name(env_state)

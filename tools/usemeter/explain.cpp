@@ -16,13 +16,14 @@ void explain_name(usemeter::statistic_impl_ga_t& statistic, const std::string& n
                         "library does not check, its filters decide")
               << "\n";
     std::string category, label;
-    if (!statistic.resolve_event(name, category, label)) {
+    const auto rule = statistic.resolve_event(name, category, label);
+    if (rule == usemeter::statistic_impl_ga_t::event_dropped) {
         std::cout << "  dropped     no whitelist entry is a dotted prefix of it, and it is not a "
                      "plain run.<tool> name\n";
         return;
     }
     std::cout << "  admitted    "
-              << (statistic.whitelisted_events().count(category)
+              << (rule == usemeter::statistic_impl_ga_t::event_whitelisted
                       ? "by the whitelist entry \"" + category + "\""
                       : std::string("by the run.<tool> rule (no whitelist entry needed)"))
               << "\n  category    ec=" << category << "\n  label       "

@@ -7,15 +7,20 @@ namespace usemeter_tool {
 
 namespace {
 
+struct fate_t {
+    bool queued;
+    std::string text;
+};
+
 // What the library will do with the name, in its own terms.
-std::string fate(usemeter::statistic_impl_ga_t& statistic, bool sending, const std::string& name)
+fate_t fate(const usemeter::statistic_impl_ga_t& statistic, const std::string& name)
 {
-    if (!sending)
-        return "not sent (collection disabled)";
+    if (!statistic.is_sending())
+        return {false, "not sent (collection disabled)"};
     std::string category, label;
     if (!statistic.resolve_event(name, category, label))
-        return "dropped (no whitelist entry admits it)";
-    return "queued as ec=" + category + (label.empty() ? "" : " el=" + label);
+        return {false, "dropped (no whitelist entry admits it)"};
+    return {true, "queued as ec=" + category + (label.empty() ? "" : " el=" + label)};
 }
 
 }  // namespace
@@ -32,20 +37,19 @@ int run_report(int argc, char** argv)
 
     product_session_t session(product);
     usemeter::statistic_impl_ga_t& statistic = *session.statistic;
-    const bool sending = statistic.is_collection_enabled() && statistic.is_ready();
     if (!quiet)
         std::cout << product.product << " " << product.effective_version() << ": collection "
-                  << (sending ? "enabled" : "disabled") << " (library: "
+                  << (statistic.is_sending() ? "enabled" : "disabled") << " (library: "
                   << join(session.decision_log, "; ") << ")\n";
     int queued = 0;
     for (const std::string& name : names) {
         if (!usemeter::statistic_t::is_feature_name_valid(name))
             std::cerr << "usemeter report: warning: '" << name
                       << "' is not a valid feature name (reported anyway)\n";
-        const std::string what = fate(statistic, sending, name);
-        queued += what.rfind("queued", 0) == 0;
+        const fate_t what = fate(statistic, name);
+        queued += what.queued;
         if (!quiet)
-            std::cout << "  " << name << ": " << what << "\n";
+            std::cout << "  " << name << ": " << what.text << "\n";
         statistic.notify_feature_usage(name);
     }
     if (queued == 0)

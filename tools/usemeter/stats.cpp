@@ -15,10 +15,21 @@ namespace {
 
 namespace uc = usemeter_collector;
 
-const char* const usage =
-    "usemeter stats active|features|versions|systems|retention|adoption --store URI [--product P] [--version V]\n"
-    "       [--since DAY] [--until DAY] [--top N] [--format table|csv|json]\n"
-    "   or: usemeter stats --html FILE --store URI [--product P] [--version V] [--since DAY] [--until DAY]";
+// "active|features|..." from the reports' own list.
+std::string report_names(const char* separator)
+{
+    std::vector<std::string> names;
+    for (uc::report_kind_t kind : uc::every_report_kind())
+        names.push_back(uc::report_kind_name(kind));
+    return join(names, separator);
+}
+
+std::string usage()
+{
+    return "usemeter stats " + report_names("|") + " --store URI [--product P] [--version V]\n"
+           "       [--since DAY] [--until DAY] [--top N] [--format table|csv|json]\n"
+           "   or: usemeter stats --html FILE --store URI [--product P] [--version V] [--since DAY] [--until DAY]";
+}
 
 struct stats_options_t {
     std::string store = "sqlite:usemeter-hits.db", format = "table", html, top;
@@ -34,10 +45,9 @@ uc::report_kind_t kind_of(const po::variables_map& values, const stats_options_t
     if (!options.html.empty() && names.empty())
         return kind;
     if (names.size() != 1 || !options.html.empty())
-        throw usage_error("name one report (active, features, versions, systems, retention, adoption) or give --html FILE");
+        throw usage_error("name one report (" + report_names(", ") + ") or give --html FILE");
     if (!uc::report_kind_named(names.front(), kind))
-        throw usage_error("no report named '" + names.front() +
-                          "' (active, features, versions, systems, retention, adoption)");
+        throw usage_error("no report named '" + names.front() + "' (" + report_names(", ") + ")");
     return kind;
 }
 
@@ -66,7 +76,7 @@ int run_stats(int argc, char** argv)
         ("format", po::value(&config.format)->default_value(config.format), "table, csv or json")
         ("html", po::value(&config.html), "write the report page, self-contained, to FILE");
     po::variables_map values;
-    if (!parse_command_line(argc, argv, usage, options, values, true))
+    if (!parse_command_line(argc, argv, usage(), options, values, true))
         return exit_ok;
     const uc::report_kind_t kind = kind_of(values, config);
     uc::report_format_t format;

@@ -29,14 +29,18 @@ public:
     void queue_ga_event(const std::string& category, const std::string& label);
 
     // Inspection for tools and tests; reporting itself goes through the operations above.
-    // The event a feature name becomes (longest whitelisted dotted prefix, or a plain
-    // "run.<tool>"); false when the name would be dropped.
-    bool resolve_event(const std::string& name, std::string& category, std::string& label) const;
+    // Which rule admits a feature name: the longest whitelisted dotted prefix, or a plain
+    // "run.<tool>" that needs no entry; event_dropped (false) when none does.
+    enum event_rule_t { event_dropped = 0, event_whitelisted, event_tool_run };
+    // The event a feature name becomes, and the rule that admitted it.
+    event_rule_t resolve_event(const std::string& name, std::string& category, std::string& label) const;
     // The exact body queue_ga_event would post for this event now.
     std::string build_event_body(const std::string& category, const std::string& label);
     const std::set<std::string>& whitelisted_events() const { return enabled_events; }
     bool is_ready() const { return ready; }
     bool is_collection_enabled() const { return enabled_; }
+    // A feature use becomes a hit only when both hold.
+    bool is_sending() const { return enabled_ && ready; }
     // Where the whitelist is read from: <data dir>/statistic/enabled_stat_events.xml, or
     // empty when the product-locations service is missing or names no data directory.
     static std::string whitelist_path();
