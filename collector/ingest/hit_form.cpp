@@ -152,8 +152,7 @@ rejection_t read_hit(const std::string& body, std::int64_t received, hit_t& hit)
         return rejection_t::unsupported_type;
     hit_t read{received,        fields["tid"], fields["cid"], fields["an"], fields["av"],
                fields["cd1"], fields["cd2"], fields["cd3"], fields["ec"], fields["el"]};
-    for (const std::string* field : {&read.tid, &read.cid, &read.an, &read.av, &read.cd1, &read.cd2, &read.cd3,
-                                     &read.ec, &read.el})
+    for (const std::string* field : read.fields())
         if (!is_utf8(*field))
             return rejection_t::bad_encoding;
     hit = std::move(read);

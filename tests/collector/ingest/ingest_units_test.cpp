@@ -1,0 +1,147 @@
+// The ingest road's units on their own: what a form body becomes, and the commit queue's
+// hand-off (answered only once stored, a request never split, failures reach every waiter).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "collector/ingest/commit_queue.hpp"
+#include "collector/ingest/hit_form.hpp"
+
+using namespace usemeter_collector;
+
+namespace {
+
+const std::string valid = "v=1&tid=UA-1&cid=c1&t=event&an=trovix&av=1.0&ec=gui&el=open";
+
+TEST(hit_form, each_body_becomes_its_hit_or_its_reason)
+{
+    struct row_t { std::string body; rejection_t reason; std::string fields; };
+    const row_t rows[] = {
+        {valid, rejection_t::none, "UA-1|c1|trovix|1.0||||gui|open"},
+        {"v=1&tid=T&cid=a+b%2B%41%zz%&t=event&ec=e&cd1=x&cd2=y&cd3=y&ec=second", rejection_t::none,
+         "T|a b+A%zz%|||x|y|y|e|"},
+        {"v=1&tid=T&cid=c&t=event&ec=%C3%A9&el=" + std::string(500, 'e'), rejection_t::none, ""},
+        {"v=2&tid=T&cid=c&t=event&ec=a", rejection_t::bad_version, ""},
+        {"tid=T&cid=c&t=event&ec=a", rejection_t::bad_version, ""},
+        {"v=1&cid=c&t=event&ec=a", rejection_t::missing_tid, ""},
+        {"v=1&tid=T&cid=&t=event&ec=a", rejection_t::missing_cid, ""},
+        {"v=1&tid=T&cid=c&t=click&ec=a", rejection_t::bad_type, ""},
+        {"v=1&tid=T&cid=c&ec=a", rejection_t::bad_type, ""},
+        {"v=1&tid=T&cid=c&t=event&el=a", rejection_t::missing_category, ""},
+        {"v=1&tid=T&cid=c&t=pageview", rejection_t::unsupported_type, ""},
+        {valid + "&an=" + std::string(101, 'n'), rejection_t::too_long, ""},
+        {valid + "&av=" + std::string(101, 'v'), rejection_t::too_long, ""},
+        {valid + "&ec=" + std::string(151, 'c'), rejection_t::too_long, ""},
+        {valid + "&el=" + std::string(501, 'e'), rejection_t::too_long, ""},
+        {valid + "&cid=" + std::string(151, 'i'), rejection_t::too_long, ""},
+        {valid + "&tid=" + std::string(151, 't'), rejection_t::too_long, ""},
+        {valid + "&cd12=" + std::string(151, 'd'), rejection_t::too_long, ""},
+        {"v=1&tid=T&cid=c&t=event&ec=a&el=%FF", rejection_t::bad_encoding, ""},
+        {"v=1&tid=T&cid=c&t=event&ec=%C0%AF", rejection_t::bad_encoding, ""},
+        {"v=1&tid=T&cid=%ED%A0%80&t=event&ec=a", rejection_t::bad_encoding, ""},
+        {"v=1&tid=T&cid=c&t=event&ec=a&cd2=%F4%90%80%80", rejection_t::bad_encoding, ""},
+        {"v=1&tid=T&cid=c&t=event&ec=a&av=%E2%82", rejection_t::bad_encoding, ""},
+    };
+    for (const row_t& row : rows) {
+        hit_t hit;
+        ASSERT_EQ(name_of(read_hit(row.body, 42, hit)), std::string(name_of(row.reason))) << row.body;
+        if (row.fields.empty())
+            continue;
+        std::string fields;
+        for (const std::string* field : hit.fields())
+            fields += (fields.empty() ? "" : "|") + *field;
+        EXPECT_EQ(fields, row.fields);
+        EXPECT_EQ(hit.received, 42);
+    }
+    EXPECT_EQ(batch_lines("a\r\n\nb\n\r\nc"), (std::vector<std::string>{"a", "b", "c"}));
+}
+
+// Records each transaction; fails them while `failing` is set.
+struct recording_store_t : store_t {
+    std::mutex mutex;
+    std::vector<std::vector<std::string>> transactions;  // the cids of each
+    std::atomic<bool> failing{false};
+    outcome_t append(const std::vector<hit_t>& hits) override
+    {
+        if (failing)
+            return outcome_t::failure("disk full");
+        std::lock_guard<std::mutex> lock(mutex);
+        transactions.emplace_back();
+        for (const hit_t& hit : hits)
+            transactions.back().push_back(hit.cid);
+        return {};
+    }
+    bool holds(const std::string& cid)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (const auto& transaction : transactions)
+            if (std::find(transaction.begin(), transaction.end(), cid) != transaction.end())
+                return true;
+        return false;
+    }
+    outcome_t export_csv(std::ostream&, const std::string&, const std::string&) override { return {}; }
+    outcome_t erase_client(const std::string&, std::int64_t&) override { return {}; }
+    outcome_t erase_before(const std::string&, std::int64_t&) override { return {}; }
+};
+
+std::vector<hit_t> request(const std::string& name, int hits)
+{
+    std::vector<hit_t> request(hits);
+    for (int i = 0; i < hits; ++i)
+        request[i].cid = name + "." + std::to_string(i);
+    return request;
+}
+
+TEST(commit_queue, answers_after_the_store_holds_whole_requests_in_groups_of_at_most_max)
+{
+    recording_store_t store;
+    std::atomic<std::size_t> observed{0};
+    commit_queue_t queue(store, [&](const outcome_t&, std::size_t hits, double) { observed += hits; }, 6);
+    std::atomic<int> unheld{0};
+    std::vector<std::thread> senders;
+    for (int t = 0; t < 8; ++t)
+        senders.emplace_back([&, t] {
+            for (int n = 0; n < 60; ++n) {
+                const std::string name = std::to_string(t) + "-" + std::to_string(n);
+                ASSERT_TRUE(queue.commit(request(name, 1 + n % 3)));
+                unheld += !store.holds(name + "." + std::to_string(n % 3));
+            }
+        });
+    for (std::thread& sender : senders)
+        sender.join();
+    queue.stop();
+    EXPECT_EQ(unheld, 0);
+    std::map<std::string, std::size_t> transaction_of;  // request -> its transaction
+    std::size_t hits = 0;
+    for (std::size_t i = 0; i < store.transactions.size(); ++i) {
+        EXPECT_LE(store.transactions[i].size(), 6u);
+        for (const std::string& cid : store.transactions[i]) {
+            const auto placed = transaction_of.emplace(cid.substr(0, cid.find('.')), i).first;
+            EXPECT_EQ(placed->second, i) << cid << " split from its request";
+            ++hits;
+        }
+    }
+    EXPECT_EQ(hits, 8u * (20 * 1 + 20 * 2 + 20 * 3));
+    EXPECT_EQ(observed, hits);
+    EXPECT_EQ(queue.depth(), 0u);
+    EXPECT_EQ(queue.commit(request("late", 1)).error, "the collector is stopping");
+}
+
+TEST(commit_queue, a_failed_transaction_fails_its_waiters_and_the_next_one_is_tried_afresh)
+{
+    recording_store_t store;
+    std::vector<std::string> outcomes;
+    commit_queue_t queue(store, [&](const outcome_t& o, std::size_t, double) { outcomes.push_back(o.error); });
+    store.failing = true;
+    EXPECT_EQ(queue.commit(request("a", 2)).error, "disk full");
+    store.failing = false;
+    EXPECT_TRUE(queue.commit(request("b", 1)));
+    queue.stop();
+    EXPECT_EQ(outcomes, (std::vector<std::string>{"disk full", ""}));
+    EXPECT_EQ(store.transactions, (std::vector<std::vector<std::string>>{{"b.0"}}));
+}
+
+}  // namespace
