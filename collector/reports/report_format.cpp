@@ -78,20 +78,12 @@ std::string cell_text(const json& row, const std::string& column, format_fn form
     return row.contains(column) ? format(row[column]) : std::string();
 }
 
-// RFC 4180; a null is an empty field, an empty text a quoted one, so the two stay apart.
+// A null is an empty field, an empty text a quoted one, so the two stay apart.
 std::string csv_cell(const json& value)
 {
     if (value.is_null())
         return "";
-    if (!value.is_string())
-        return value.dump();
-    const std::string text = spreadsheet_safe(value.get<std::string>());
-    if (!text.empty() && text.find_first_of(",\"\r\n") == std::string::npos)
-        return text;
-    std::string quoted = "\"";
-    for (char c : text)
-        quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + "\"";
+    return value.is_string() ? csv_field(value.get<std::string>(), true) : value.dump();
 }
 
 std::string table_cell(const json& value)

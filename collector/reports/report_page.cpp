@@ -51,13 +51,6 @@ std::string page(const std::string& policy, const std::string& style, const std:
                 scripts);
 }
 
-// Text inside <script> must not close the element early.
-std::string script_safe(std::string text)
-{
-    for (std::size_t at = 0; (at = text.find("</", at)) != std::string::npos; at += 3)
-        text.replace(at, 2, "<\\/");
-    return text;
-}
 
 // JSON inside <script>: no <, > or & at all (a label "<!--<script>" would otherwise change how
 // the page parses). Outside strings JSON has none of them, so every one is in a string.
@@ -253,6 +246,13 @@ report_source_t* report_routes_t::source(std::string& error)
     if (!source_)
         source_ = open_report_source(store_, error);
     return source_.get();
+}
+
+std::string script_safe(std::string text)
+{
+    for (std::size_t at = 0; (at = text.find("</", at)) != std::string::npos; at += 3)
+        text.replace(at, 2, "<\\/");
+    return text;
 }
 
 }  // namespace usemeter_collector

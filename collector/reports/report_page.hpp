@@ -25,6 +25,10 @@ extern const char* const chart_js_path;
 // the right token, 403 when there is no token to give.
 int report_access_verdict(const http_request_t& request, const std::string& token);
 
+// A script inlined in the page: every "</" becomes "<\/", so no text in it (Chart.js is
+// Debian's, of any version) can close the element early.
+std::string script_safe(std::string text);
+
 // The first line of a token file; an error when it is missing, unreadable or empty.
 outcome_t read_report_token(const std::string& path, std::string& token);
 

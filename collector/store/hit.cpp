@@ -12,18 +12,20 @@ std::string spreadsheet_safe(const std::string& text)
     return text;
 }
 
-// RFC 4180: quoted only when the field holds a separator, a quote or a line break.
-void write_csv_field(std::ostream& out, const std::string& unsafe)
+std::string csv_field(const std::string& unsafe, bool quote_empty)
 {
     const std::string field = spreadsheet_safe(unsafe);
-    if (field.find_first_of(",\"\r\n") == std::string::npos) {
-        out << field;
-        return;
-    }
-    out << '"';
+    if (field.find_first_of(",\"\r\n") == std::string::npos && !(quote_empty && field.empty()))
+        return field;
+    std::string quoted = "\"";
     for (char c : field)
-        out << (c == '"' ? "\"\"" : std::string(1, c));
-    out << '"';
+        quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
+}
+
+void write_csv_field(std::ostream& out, const std::string& field)
+{
+    out << csv_field(field);
 }
 
 }  // namespace usemeter_collector

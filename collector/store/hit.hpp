@@ -41,6 +41,9 @@ extern const char* const export_csv_header;
 // The text fields' columns in hit_t::fields() order, as every table of hits names them.
 // Constant, so other units' constants may be built from it at start-up.
 inline constexpr const char* hit_field_columns = "tid, cid, an, av, cd1, cd2, cd3, ec, el";
+// RFC 4180 after spreadsheet_safe: quoted only when the field holds a separator, a quote or
+// a line break, or is empty and quote_empty (where an empty text must differ from a null).
+std::string csv_field(const std::string& field, bool quote_empty = false);
 void write_csv_field(std::ostream& out, const std::string& field);
 // A cell a spreadsheet would run as a formula (=, +, -, @, tab, CR first) gets a leading '.
 std::string spreadsheet_safe(const std::string& text);

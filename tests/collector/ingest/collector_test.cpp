@@ -135,7 +135,7 @@ TEST_F(collector_test, retention_and_erasure_keep_the_rollups_true)
     };
     ASSERT_TRUE(sqlite->append({hit(t0, "a"), hit(t0 + 2 * day, "a"), hit(t0, "b"), hit(t0 + 2 * day, "b")}));
     std::int64_t erased = 0;
-    ASSERT_TRUE(sqlite->erase_before(utc_day(t0 + day), erased));
+    ASSERT_TRUE(sqlite->erase_before(utc_day(t0 + 2 * day), erased));
     EXPECT_EQ(erased, 2);
     ASSERT_TRUE(sqlite->erase_client("b", erased));
     EXPECT_EQ(erased, 1);

@@ -156,6 +156,7 @@ TEST_F(hostile_test, no_hit_can_break_a_report_the_page_or_an_export)
     const std::string page = usemeter_test::read_file(home / "page.html");
     EXPECT_NE(page.find("\\u003c!--\\u003cscript\\u003e"), std::string::npos);
     EXPECT_EQ(page.find("<!--<script>"), std::string::npos);
+    EXPECT_EQ(uc::script_safe("a</script></"), "a<\\/script><\\/");
 }
 
 TEST_F(hostile_test, http_limits_hold_whatever_the_framing)
