@@ -129,6 +129,7 @@ TEST_F(hostile_test, no_hit_can_break_a_report_the_page_or_an_export)
         {hit + "&ec=%3C!--%3Cscript%3E&el=%3D1%2B2", uc::rejection_t::none},
         {hit + "&ec=%2Bcmd&el=%40SUM(1)", uc::rejection_t::none},
         {hit + "&ec=caf%C3%A9&el=-2+x", uc::rejection_t::none},  // a form's + is a space
+        {hit + "&ec=cr&el=a%0Db", uc::rejection_t::none},
     };
     for (const case_t& c : cases) {
         const std::uint64_t rejected = collector->metrics().rejected(c.reason);
@@ -137,7 +138,7 @@ TEST_F(hostile_test, no_hit_can_break_a_report_the_page_or_an_export)
             EXPECT_EQ(collector->metrics().rejected(c.reason), rejected + 1) << c.body;
         }
     }
-    EXPECT_EQ(collector->metrics().stored(), 3u);
+    EXPECT_EQ(collector->metrics().stored(), 4u);
     std::string error;  // as an older collector may have stored
     ASSERT_TRUE(uc::open_store(store, uc::durability_t::normal, error)->append({{1, "UA-1", "c", "p", "1", "", "", "", "\xff", ""}}));
     for (const char* kind : {"active", "features", "versions", "systems"})
@@ -150,7 +151,7 @@ TEST_F(hostile_test, no_hit_can_break_a_report_the_page_or_an_export)
                             tool("stats features --format csv --store " + store) +
                             tool("stats features --format json --store " + store);
     EXPECT_EQ(csv.find("failed"), std::string::npos) << csv;
-    for (const char* cell : {",'=1+2", ",'+cmd,'@SUM(1)", ",'-2 x", ",'+cmd,"})
+    for (const char* cell : {",'=1+2", ",'+cmd,'@SUM(1)", ",'-2 x", ",'+cmd,", ",\"a\rb\""})
         EXPECT_NE(csv.find(cell), std::string::npos) << cell << "\n" << csv;
     EXPECT_EQ(tool("stats --html " + home / "page.html" + " --store " + store).find("failed"), std::string::npos);
     const std::string page = usemeter_test::read_file(home / "page.html");
@@ -267,6 +268,10 @@ TEST_F(hostile_test, reports_and_rejections_need_loopback_by_name_or_the_token)
     exchange(asked.port(), get("/healthz"));
     asked.stop();
     EXPECT_NE(usemeter_test::read_file(home / "addresses.log").find("Z 127.0.0.1 200 0 /healthz\n"), std::string::npos);
+    for (const char* peer : {"127.0.0.1", "127.9.8.7", "::1", "::ffff:127.0.0.2"})
+        EXPECT_TRUE(uc::is_loopback_address(peer)) << peer;
+    for (const char* peer : {"128.0.0.1", "::2", "::ffff:10.0.0.1", "10.127.0.1", ""})
+        EXPECT_FALSE(uc::is_loopback_address(peer)) << peer;
 }
 
 }  // namespace
