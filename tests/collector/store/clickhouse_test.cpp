@@ -145,7 +145,8 @@ TEST(clickhouse_uri, names_each_shard_once_in_order)
         std::vector<std::string> servers;  // none: refused
     } cases[] = {
         {"clickhouse+http://ch:8123/usemeter", {"http://ch:8123"}},
-        {"clickhouse+http://[::1]:1,ch2:2,10.0.0.3:3/usemeter", {"http://[::1]:1", "http://ch2:2", "http://10.0.0.3:3"}},
+        {"clickhouse+http://[::1]:1,ch2:2,10.0.0.3:3/usemeter",
+         {"http://[::1]:1", "http://ch2:2", "http://10.0.0.3:3"}},
         {"clickhouse+http://ch:1,ch:1/usemeter", {}},
         {"clickhouse+http://ch:1,/usemeter", {}},
         {"clickhouse+http://ch:1,ch2/usemeter", {}},
