@@ -124,7 +124,7 @@ protected:
     usemeter_test::clickhouse_server_t& server = servers[0];
 };
 
-// The same on a cluster of two shards.
+// Its tests run on one server and on a cluster of two shards.
 class clickhouse_shards_test : public clickhouse_test, public ::testing::WithParamInterface<std::size_t> {
 protected:
     void SetUp() override
