@@ -127,7 +127,7 @@ public:
 
 // Opens a read-only source on the store a URI names; nullptr with error set when it cannot.
 std::unique_ptr<report_source_t> open_report_source(const std::string& uri, std::string& error);
-// The drivers it picks from: a SQLite file (read-only) and clickhouse+http://HOST:PORT/DATABASE.
+// The drivers it picks from: a SQLite file (read-only) and clickhouse+http://HOST:PORT[,HOST:PORT...]/DATABASE.
 std::unique_ptr<report_source_t> open_sqlite_report_source(const std::string& path, std::string& error);
 std::unique_ptr<report_source_t> open_clickhouse_report_source(const std::string& uri, std::string& error);
 

@@ -21,7 +21,8 @@ bool has_scheme(const std::string& uri, const std::string& scheme)
 
 std::string unknown_store(const std::string& uri)
 {
-    return "unknown store \"" + uri + "\" (expected sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE)";
+    return "unknown store \"" + uri +
+           "\" (expected sqlite:PATH or clickhouse+http://HOST:PORT[,HOST:PORT...]/DATABASE)";
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ struct spool_options_t {
     std::size_t max_hits = 10000000;  // past this, commits fail and hits are answered 503
 };
 
-// Opens the store a URI names ("sqlite:PATH", "clickhouse+http://HOST:PORT/DATABASE");
+// Opens the store a URI names ("sqlite:PATH", "clickhouse+http://HOST:PORT[,HOST:PORT...]/DATABASE");
 // nullptr with error set when it cannot. spool matters to remote stores only.
 std::unique_ptr<store_t> open_store(const std::string& uri, durability_t durability,
                                     std::string& error, const spool_options_t& spool = spool_options_t());

@@ -49,7 +49,8 @@ int run_export(int argc, char** argv)
     std::string store, since, until;
     po::options_description options("collector export options");
     options.add_options()
-        ("store", po::value(&store)->required(), "store URI: sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE")
+        ("store", po::value(&store)->required(),
+         "store URI: sqlite:PATH or clickhouse+http://HOST:PORT[,HOST:PORT...]/DATABASE")
         ("since", po::value(&since), "first day YYYY-MM-DD (UTC), inclusive")
         ("until", po::value(&until), "last day YYYY-MM-DD (UTC), inclusive");
     po::variables_map values;
@@ -69,7 +70,8 @@ int run_erase(int argc, char** argv)
     std::string store, cid;
     po::options_description options("collector erase options");
     options.add_options()
-        ("store", po::value(&store)->required(), "store URI: sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE")
+        ("store", po::value(&store)->required(),
+         "store URI: sqlite:PATH or clickhouse+http://HOST:PORT[,HOST:PORT...]/DATABASE")
         ("cid", po::value(&cid)->required(), "client id whose hits are erased");
     po::variables_map values;
     if (!parse_command_line(argc, argv, "usemeter collector erase --store URI --cid CID", options,
@@ -106,7 +108,7 @@ uc::collector_options_t parse_service_options(int argc, char** argv, bool& help)
         ("listen", po::value(&config.listen)->default_value(config.listen),
          "numeric ADDR:PORT to listen on (port 0: any free port)")
         ("store", po::value(&config.store)->default_value(config.store),
-         "store URI: sqlite:PATH or clickhouse+http://HOST:PORT/DATABASE")
+         "store URI: sqlite:PATH or clickhouse+http://HOST:PORT[,HOST:PORT...]/DATABASE")
         ("spool", po::value(&config.spool.path)->default_value(config.spool.path),
          "with ClickHouse: the SQLite file where hits wait until ClickHouse has them")
         ("spool-max-hits", po::value(&config.spool.max_hits)->default_value(config.spool.max_hits),

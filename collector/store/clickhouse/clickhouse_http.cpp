@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
+#include <future>
 #include <utility>
 
 #include <curl/curl.h>
@@ -31,24 +33,53 @@ std::string first_line(const std::string& text)
     return text.substr(0, std::min(text.find('\n'), std::size_t(300)));
 }
 
+// HOST:PORT, the port all digits.
+bool is_host_and_port(const std::string& text)
+{
+    const std::size_t colon = text.rfind(':');
+    return colon != std::string::npos && colon > 0 && colon + 1 < text.size() &&
+           text.find_first_not_of("0123456789", colon + 1) == std::string::npos;
+}
+
+// The hosts of "HOST:PORT[,HOST:PORT...]" as servers; false unless each is HOST:PORT, once.
+bool parse_hosts(const std::string& hosts, std::vector<std::string>& servers)
+{
+    for (std::size_t start = 0, end; start <= hosts.size(); start = end + 1) {
+        end = std::min(hosts.find(',', start), hosts.size());
+        const std::string server = "http://" + hosts.substr(start, end - start);
+        if (!is_host_and_port(hosts.substr(start, end - start)) ||
+            std::find(servers.begin(), servers.end(), server) != servers.end())
+            return false;
+        servers.push_back(server);
+    }
+    return true;
+}
+
 }  // namespace
 
 bool parse_clickhouse_uri(const std::string& uri, clickhouse_address_t& address, std::string& error)
 {
     const std::string scheme = "clickhouse+http://";
     const std::size_t slash = uri.find('/', scheme.size());
-    const std::size_t colon = uri.rfind(':', slash);
-    const bool shaped = uri.compare(0, scheme.size(), scheme) == 0 && slash != std::string::npos &&
-                        colon != std::string::npos && colon > scheme.size() && colon + 1 < slash &&
-                        uri.find_first_not_of("0123456789", colon + 1) == slash;
-    if (!shaped || !is_identifier(uri.substr(slash + 1))) {
-        error = "a ClickHouse store is clickhouse+http://HOST:PORT/DATABASE (DATABASE letters, digits"
-                " and _), not \"" + uri + "\"";
+    std::vector<std::string> servers;
+    if (uri.compare(0, scheme.size(), scheme) != 0 || slash == std::string::npos ||
+        !parse_hosts(uri.substr(scheme.size(), slash - scheme.size()), servers) ||
+        !is_identifier(uri.substr(slash + 1))) {
+        error = "a ClickHouse store is clickhouse+http://HOST:PORT[,HOST:PORT...]/DATABASE (each host once,"
+                " DATABASE letters, digits and _), not \"" + uri + "\"";
         return false;
     }
-    address.server = "http://" + uri.substr(scheme.size(), slash - scheme.size());
+    address.servers = std::move(servers);
     address.database = uri.substr(slash + 1);
     return true;
+}
+
+std::size_t clickhouse_shard_of(const std::string& cid, std::size_t shards)
+{
+    std::uint64_t hash = 14695981039346656037u;
+    for (unsigned char c : cid)
+        hash = (hash ^ c) * 1099511628211u;
+    return static_cast<std::size_t>(hash % shards);
 }
 
 clickhouse_http_t::clickhouse_http_t(std::string server)
@@ -170,6 +201,26 @@ outcome_t run_each(clickhouse_http_t& http, const std::vector<std::string>& stat
     for (auto statement = statements.begin(); outcome && statement != statements.end(); ++statement)
         outcome = http.run(*statement);
     return outcome;
+}
+
+outcome_t on_every_shard(const std::vector<std::string>& servers,
+                         const std::function<outcome_t(clickhouse_http_t&, std::size_t)>& ask)
+{
+    std::vector<outcome_t> outcomes(servers.size());
+    const auto ask_shard = [&](std::size_t shard) {
+        clickhouse_http_t http(servers[shard]);
+        outcomes[shard] = ask(http, shard);
+    };
+    std::vector<std::future<void>> others;
+    for (std::size_t shard = 0; shard + 1 < servers.size(); ++shard)
+        others.push_back(std::async(std::launch::async, ask_shard, shard));
+    ask_shard(servers.size() - 1);
+    for (auto& other : others)
+        other.get();
+    for (const outcome_t& outcome : outcomes)
+        if (!outcome)
+            return outcome;
+    return {};
 }
 
 }  // namespace usemeter_collector

@@ -11,14 +11,20 @@
 
 namespace usemeter_collector {
 
-// Where the hits live: "clickhouse+http://HOST:PORT/DATABASE".
+// Where the hits live: "clickhouse+http://HOST:PORT[,HOST:PORT...]/DATABASE". Several hosts
+// are the shards of one database, each holding the whole schema; a client id's hits live on
+// shard clickhouse_shard_of(cid, shards), so the hosts' order must never change for a database.
 struct clickhouse_address_t {
-    std::string server;    // "http://HOST:PORT"
-    std::string database;  // an identifier, so that it can stand unquoted in statements
+    std::vector<std::string> servers;  // "http://HOST:PORT", one per shard, in the URI's order
+    std::string database;              // an identifier, so that it can stand unquoted in statements
 };
 
-// False with error set unless uri has the form above.
+// False with error set unless uri has the form above, with no host named twice.
 bool parse_clickhouse_uri(const std::string& uri, clickhouse_address_t& address, std::string& error);
+
+// The shard of a client id: the 64-bit FNV-1a hash of its bytes, modulo the number of shards.
+// Fixed for good: a database's hits are placed by it.
+std::size_t clickhouse_shard_of(const std::string& cid, std::size_t shards);
 
 // One connection, kept alive between statements. Not for use by two threads at once.
 class clickhouse_http_t {
@@ -45,6 +51,11 @@ private:
 
 // Runs statements in order, up to the first that fails.
 outcome_t run_each(clickhouse_http_t& http, const std::vector<std::string>& statements);
+
+// Runs ask(connection, shard) on every shard at once, each on a connection of its own (the
+// last in the calling thread, so one shard needs no thread); the first shard's failure, if any.
+outcome_t on_every_shard(const std::vector<std::string>& servers,
+                         const std::function<outcome_t(clickhouse_http_t&, std::size_t)>& ask);
 
 // TabSeparated text: a field escaped for a row, and the rows of a result unescaped.
 void append_tsv_field(std::string& row, const std::string& field);

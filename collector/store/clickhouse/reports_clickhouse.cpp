@@ -3,8 +3,13 @@
 // a report grows with users, days and labels, not with hits. Rows of an aggregate not yet
 // merged are merged by the GROUP BY of each query; copies in user_days change no set.
 //
-// Every call has its own connection, so the collector's threads may share one source.
+// On several shards, each question is asked of every shard and the answers combined: a
+// client id's hits all live on one shard, so per-user answers (first days, masks, user-days)
+// are the shard's own, and distinct counts of different shards add up exactly.
+//
+// Every call has its own connections, so the collector's threads may share one source.
 #include <atomic>
+#include <map>
 
 #include "collector/reports/reports.hpp"
 #include "collector/store/clickhouse/clickhouse_http.hpp"
@@ -43,7 +48,7 @@ class clickhouse_report_source_t : public report_source_t {
 public:
     explicit clickhouse_report_source_t(clickhouse_address_t address)
         : address_(std::move(address)), user_days_(address_.database + ".user_days"),
-          feature_days_(address_.database + ".feature_days")
+          feature_days_(address_.database + ".feature_days"), schema_ready_(address_.servers.size())
     {
     }
 
@@ -79,24 +84,35 @@ public:
                       3, [&](const row_t& row) { sink(row[0], row[1], std::stoll(row[2])); });
     }
 
+    // Users per day and version, summed over the shards.
     outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
     {
-        return select("SELECT day, av, uniqExact(cid) FROM " + user_days_ + " WHERE " +
-                          matching(query, query.since, query.until) + " GROUP BY day, av",
-                      3, [&](const row_t& row) { rows.push_back({row[0], row[1], std::stoll(row[2])}); });
+        std::map<std::pair<std::string, std::string>, std::int64_t> users;
+        const outcome_t read = select("SELECT day, av, uniqExact(cid) FROM " + user_days_ + " WHERE " +
+                                          matching(query, query.since, query.until) + " GROUP BY day, av",
+                                      3, [&](const row_t& row) { users[{row[0], row[1]}] += std::stoll(row[2]); });
+        for (const auto& [day_version, count] : users)
+            rows.push_back({day_version.first, day_version.second, count});
+        return read;
     }
 
+    // Users per system, summed over the shards.
     outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) override
     {
-        return select("SELECT cd2, uniqExact(cid) FROM " + user_days_ + " WHERE " +
-                          matching(query, query.since, query.until) + " GROUP BY cd2",
-                      2, [&](const row_t& row) { rows.push_back({row[0], std::stoll(row[1])}); });
+        std::map<std::string, std::int64_t> users;
+        const outcome_t read = select("SELECT cd2, uniqExact(cid) FROM " + user_days_ + " WHERE " +
+                                          matching(query, query.since, query.until) + " GROUP BY cd2",
+                                      2, [&](const row_t& row) { users[row[0]] += std::stoll(row[1]); });
+        for (const auto& [system, count] : users)
+            rows.push_back({system, count});
+        return read;
     }
 
     // The active report inside ClickHouse when the range and the 29 days before it fit in one
     // 64-bit mask per user: the user's days as bits (m), the days with cd3=y (am) and the first
     // day of all, when the user was seen on it (fm). On report day t, a user counts for dau,
-    // wau and mau when m has bit t, one of the bits t-6..t, one of the bits t-29..t.
+    // wau and mau when m has bit t, one of the bits t-6..t, one of the bits t-29..t. Each
+    // shard's counts add to the others'.
     outcome_t active_counts(const report_query_t& query, std::vector<day_counts_t>& days, bool& answered) override
     {
         const std::int64_t first = day_number(query.since) - 29, length = day_number(query.until) - first + 1;
@@ -145,8 +161,8 @@ public:
     }
 
 private:
-    // One array "[n,n,...]" of per-day counts into days' field number column; "[]" when
-    // nobody reported leaves zeros. False for anything else.
+    // One array "[n,n,...]" of per-day counts added to days' field number column; "[]" when
+    // nobody reported adds nothing. False for anything else.
     static bool take_counts(const std::string& text, std::vector<day_counts_t>& days, std::size_t column)
     {
         std::int64_t day_counts_t::*const fields[] = {&day_counts_t::dau, &day_counts_t::wau, &day_counts_t::mau,
@@ -159,36 +175,38 @@ private:
             at = end + 1;
         }
         for (std::size_t day = 0; numbers.size() == days.size() && day < days.size(); ++day)
-            days[day].*fields[column] = numbers[day];
+            days[day].*fields[column] += numbers[day];
         return text == "[]" || (numbers.size() == days.size() && at == text.size());
     }
 
-    // Runs a SELECT and hands each row to take, once it has the expected width and (unless
-    // ends_in_count is false) a count in its last column. The schema is created
-    // first, so that a collector whose forwarder has not reached ClickHouse yet reports zeros.
+    // Runs a SELECT on every shard at once and hands each row to take, one shard after the
+    // other, once it has the expected width and (unless ends_in_count is false) a count in its
+    // last column. The schema is created first, so that a collector whose forwarder has not
+    // reached ClickHouse yet reports zeros.
     template <typename take_fn>
     outcome_t select(const std::string& statement, std::size_t columns, take_fn take, bool ends_in_count = true)
     {
-        clickhouse_http_t http(address_.server);
-        std::string result;
-        outcome_t outcome = schema_ready_ ? outcome_t() : create_clickhouse_schema(http, address_.database);
-        schema_ready_ = schema_ready_ || outcome.ok;
-        if (outcome)
-            outcome = http.run(statement + " FORMAT TabSeparated", std::string(), &result);
+        std::vector<std::string> results(address_.servers.size());
+        const outcome_t outcome = on_every_shard(address_.servers, [&](clickhouse_http_t& http, std::size_t shard) {
+            outcome_t asked = schema_ready_[shard] ? outcome_t() : create_clickhouse_schema(http, address_.database);
+            schema_ready_[shard] = schema_ready_[shard] || asked.ok;
+            return asked ? http.run(statement + " FORMAT TabSeparated", std::string(), &results[shard]) : asked;
+        });
         if (!outcome)
             return outcome_t::failure("cannot read the report from ClickHouse: " + outcome.error);
         bool shaped = true;
-        each_tsv_row(result, [&](const row_t& row) {
-            shaped = shaped && row.size() == columns && (!ends_in_count || is_count(row.back()));
-            if (shaped)
-                take(row);
-        });
+        for (const std::string& result : results)
+            each_tsv_row(result, [&](const row_t& row) {
+                shaped = shaped && row.size() == columns && (!ends_in_count || is_count(row.back()));
+                if (shaped)
+                    take(row);
+            });
         return shaped ? outcome_t() : outcome_t::failure("ClickHouse answered rows of an unexpected shape");
     }
 
     const clickhouse_address_t address_;
     const std::string user_days_, feature_days_;
-    std::atomic<bool> schema_ready_{false};
+    std::vector<std::atomic<bool>> schema_ready_;  // by shard
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <condition_variable>
 #include <future>
 #include <mutex>
@@ -28,17 +29,21 @@ log4cplus::Logger logger()
 
 const std::string hit_columns = std::string("collector, seq, received, day, ") + hit_field_columns;
 
-// Hits read from the spool, and their rows for an insert.
+// Hits read from the spool, and their rows for an insert into each shard.
 struct batch_t {
     std::vector<spooled_hit_t> hits;
-    std::string rows;
+    std::vector<std::string> rows;  // by shard
 };
 
-// The rows of hits[first...].
-std::string tsv_rows(const std::string& instance, const std::vector<spooled_hit_t>& hits, std::size_t first)
+// Appends the rows of hits[first...] to rows, each to its client id's shard, leaving out the
+// hits a shard already holds (seq up to its landed_through).
+void append_tsv_rows(const std::string& instance, const std::vector<spooled_hit_t>& hits, std::size_t first,
+                     const std::vector<std::int64_t>& landed_through, std::vector<std::string>& rows)
 {
-    std::string rows, day;
-    rows.reserve((hits.size() - first) * 160);
+    std::string day;
+    rows.resize(landed_through.size());
+    for (std::string& shard_rows : rows)
+        shard_rows.reserve(shard_rows.size() + (hits.size() - first) * 160 / rows.size());
     std::int64_t day_start = 1, day_end = 0;  // the day's seconds [start, end): none yet
     for (std::size_t i = first; i < hits.size(); ++i) {
         const spooled_hit_t& spooled = hits[i];
@@ -48,15 +53,17 @@ std::string tsv_rows(const std::string& instance, const std::vector<spooled_hit_
             day_start = hit.received - ((hit.received % 86400) + 86400) % 86400;
             day_end = day_start + 86400;
         }
-        rows += instance + '\t' + std::to_string(spooled.seq) + '\t' + std::to_string(hit.received) +
-                '\t' + day;
+        const std::size_t shard = clickhouse_shard_of(hit.cid, rows.size());
+        if (spooled.seq <= landed_through[shard])
+            continue;
+        std::string& row = rows[shard];
+        row += instance + '\t' + std::to_string(spooled.seq) + '\t' + std::to_string(hit.received) + '\t' + day;
         for (const std::string* field : hit.fields()) {
-            rows += '\t';
-            append_tsv_field(rows, *field);
+            row += '\t';
+            append_tsv_field(row, *field);
         }
-        rows += '\n';
+        row += '\n';
     }
-    return rows;
 }
 
 std::string day_range_condition(const std::string& since, const std::string& until)
@@ -69,12 +76,74 @@ std::string day_range_condition(const std::string& since, const std::string& unt
     return condition;
 }
 
+// A whole decimal number and nothing else.
+template <typename number_t>
+bool parse_number(const std::string& text, number_t& number)
+{
+    const char* const end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, number);
+    return parsed.ec == std::errc() && parsed.ptr == end;
+}
+
+// A one-number answer.
+outcome_t read_count(const std::string& answer, std::int64_t& count)
+{
+    return parse_number(answer.substr(0, answer.find('\n')), count)
+               ? outcome_t()
+               : outcome_t::failure("ClickHouse answered an unexpected count: " + answer.substr(0, 100));
+}
+
+// A hit as export reads it: received, collector, seq and the text fields, with the key the
+// shards' rows are merged by.
+struct exported_hit_t {
+    std::int64_t received = 0;
+    std::uint64_t seq = 0;
+    std::vector<std::string> row;
+
+    bool operator<(const exported_hit_t& other) const
+    {
+        if (received != other.received)
+            return received < other.received;
+        return row[1] != other.row[1] ? row[1] < other.row[1] : seq < other.seq;
+    }
+};
+
+const std::size_t exported_columns = 3 + 9;
+
+// One shard's hits of the days condition allows, in export order, one row per hit however
+// often it was sent.
+outcome_t read_export(clickhouse_http_t& http, const std::string& database, const std::string& condition,
+                      std::vector<exported_hit_t>& hits)
+{
+    std::string result;
+    outcome_t outcome = create_clickhouse_schema(http, database);
+    if (outcome)
+        outcome = http.run(std::string("SELECT received, collector, seq, ") + hit_field_columns + " FROM " +
+                               clickhouse_hits_table(database) + " WHERE " + condition +
+                               " ORDER BY received, collector, seq LIMIT 1 BY collector, seq FORMAT TabSeparated",
+                           std::string(), &result);
+    each_tsv_row(result, [&](const std::vector<std::string>& row) {
+        exported_hit_t hit;
+        if (outcome && row.size() == exported_columns && parse_number(row[0], hit.received) &&
+            parse_number(row[2], hit.seq)) {
+            hit.row = row;
+            hits.push_back(std::move(hit));
+        } else if (outcome) {
+            outcome = outcome_t::failure("ClickHouse answered hits of an unexpected shape");
+        }
+    });
+    return outcome;
+}
+
+using connections_t = std::vector<std::unique_ptr<clickhouse_http_t>>;
+
 class clickhouse_store_t : public store_t {
 public:
     clickhouse_store_t(clickhouse_options_t options, clickhouse_address_t address,
                        std::unique_ptr<spool_t> spool)
         : options_(std::move(options)), address_(std::move(address)),
-          table_(clickhouse_hits_table(address_.database)), spool_(std::move(spool))
+          table_(clickhouse_hits_table(address_.database)), spool_(std::move(spool)),
+          schema_ready_(address_.servers.size(), false), landed_through_(address_.servers.size(), 0)
     {
         if (spool_)
             forwarder_ = std::thread([this] { forward_loop(); });
@@ -108,26 +177,29 @@ public:
         return outcome;
     }
 
+    // Each shard's hits in the order received (then collector, seq), merged into that order.
     outcome_t export_csv(std::ostream& out, const std::string& since,
                          const std::string& until) override
     {
-        std::string result;
-        clickhouse_http_t http(address_.server);
-        outcome_t outcome = create_clickhouse_schema(http, address_.database);
-        if (outcome)
-            outcome = http.run(std::string("SELECT received, ") + hit_field_columns + " FROM " + table_ +
-                         " WHERE " + day_range_condition(since, until) +
-                         " ORDER BY received, collector, seq LIMIT 1 BY collector, seq"
-                         " FORMAT TabSeparated",
-                     std::string(), &result);
+        std::vector<std::vector<exported_hit_t>> shards(address_.servers.size());
+        const outcome_t outcome = on_every_shard(address_.servers, [&](clickhouse_http_t& http, std::size_t shard) {
+            return read_export(http, address_.database, day_range_condition(since, until), shards[shard]);
+        });
         if (!outcome)
             return outcome;
+        std::vector<exported_hit_t> hits;
+        for (std::vector<exported_hit_t>& shard : shards) {
+            const auto before = static_cast<std::ptrdiff_t>(hits.size());
+            hits.insert(hits.end(), std::make_move_iterator(shard.begin()), std::make_move_iterator(shard.end()));
+            shard = {};
+            std::inplace_merge(hits.begin(), hits.begin() + before, hits.end());
+        }
         out << export_csv_header;
-        for (const auto& row : parse_tsv(result)) {
-            out << utc_timestamp(std::stoll(row.at(0)));
-            for (std::size_t column = 1; column < row.size(); ++column) {
+        for (const exported_hit_t& hit : hits) {
+            out << utc_timestamp(hit.received);
+            for (std::size_t column = 3; column < hit.row.size(); ++column) {
                 out << ',';
-                write_csv_field(out, row[column]);
+                write_csv_field(out, hit.row[column]);
             }
             out << '\n';
         }
@@ -182,14 +254,16 @@ private:
     // one last attempt; whatever fails then stays for the next start.
     void forward_loop()
     {
-        clickhouse_http_t http(address_.server);
+        connections_t shards;
+        for (const std::string& server : address_.servers)
+            shards.push_back(std::make_unique<clickhouse_http_t>(server));
         std::chrono::milliseconds pause{100};
         bool failing = false;
         for (bool last = false; !last;) {
             last = failing ? sleep_unless_stopped(pause) : wait_for_batch();
             outcome_t outcome;
             while (unsent() > 0 && outcome) {
-                outcome = forward_batch(http);
+                outcome = forward_batch(shards);
                 note_outcome(outcome, failing);
                 if (!last && unsent() < static_cast<std::int64_t>(options_.batch_rows))
                     break;
@@ -217,37 +291,30 @@ private:
         return stopping_;
     }
 
-    // Sends the oldest batch. While ClickHouse inserts it, the previous batch leaves the spool
-    // and the next one is read and formatted, so that the spool's share of the time hides
-    // behind the insert's.
-    outcome_t forward_batch(clickhouse_http_t& http)
+    // Sends the oldest batch, each shard its part, at once. While ClickHouse inserts it, the
+    // previous batch leaves the spool and the next one is read and formatted, so that the
+    // spool's share of the time hides behind the insert's. The batch is acknowledged once
+    // every shard has taken its part.
+    outcome_t forward_batch(connections_t& shards)
     {
-        if (!schema_ready_) {
-            const outcome_t created = create_clickhouse_schema(http, address_.database);
-            if (!created)
-                return created;
-            schema_ready_ = true;
-        }
-        if (!landed_known_) {
-            const outcome_t skipped = skip_landed(http);
-            if (!skipped)
-                return skipped;
-        }
+        outcome_t outcome = create_schemas(shards);
+        if (outcome && !landed_known_)
+            outcome = skip_landed(shards);
+        if (!outcome)
+            return outcome;
         batch_t batch = std::move(next_);
         next_ = batch_t();
-        outcome_t outcome = top_up(batch, acknowledged_);
+        outcome = top_up(batch, acknowledged_);
         if (!outcome || batch.hits.empty())
             return outcome;
         if (!fault_allows(forward_step_t::send))
             return outcome_t::failure("injected fault before sending");
-        auto insert = std::async(std::launch::async, [&] {
-            return http.run("INSERT INTO " + table_ + " (" + hit_columns + ") FORMAT TabSeparated", batch.rows);
-        });
+        std::vector<std::future<outcome_t>> inserts;
+        for (std::size_t shard = 0; shard < shards.size(); ++shard)
+            inserts.push_back(insert_part(*shards[shard], batch.rows[shard]));
         const outcome_t removed = remove_acknowledged();
         top_up(next_, batch.hits.back().seq);
-        outcome = insert.get();
-        if (outcome && !fault_allows(forward_step_t::acknowledged))
-            outcome = outcome_t::failure("injected fault: the acknowledgement was lost");
+        outcome = take_answers(inserts, batch.hits.back().seq);
         if (outcome) {
             acknowledged_ = batch.hits.back().seq;
             unremoved_ += static_cast<std::int64_t>(batch.hits.size());
@@ -255,10 +322,48 @@ private:
             outcome = removed;
         }
         if (!outcome) {
-            next_ = batch_t();  // sent again whole, from the oldest hit on, unless it landed
+            next_ = batch_t();  // sent again from the oldest hit on, to each shard what it lacks
             landed_known_ = false;
         }
         return outcome;
+    }
+
+    // On each shard's first successful connection; every shard is tried.
+    outcome_t create_schemas(connections_t& shards)
+    {
+        outcome_t outcome;
+        for (std::size_t shard = 0; shard < shards.size(); ++shard) {
+            if (schema_ready_[shard])
+                continue;
+            const outcome_t created = create_clickhouse_schema(*shards[shard], address_.database);
+            schema_ready_[shard] = created.ok;
+            if (outcome && !created)
+                outcome = created;
+        }
+        return outcome;
+    }
+
+    // A shard with no hits in the batch has nothing to insert.
+    std::future<outcome_t> insert_part(clickhouse_http_t& http, const std::string& rows)
+    {
+        const auto insert = [this, &http, &rows] { return rows.empty() ? outcome_t() : http.run(insert_, rows); };
+        return std::async(rows.empty() ? std::launch::deferred : std::launch::async, insert);
+    }
+
+    // Waits for every shard's answer; each shard that took its part holds its hits through
+    // last. The first failure, if any.
+    outcome_t take_answers(std::vector<std::future<outcome_t>>& inserts, std::int64_t last)
+    {
+        std::vector<outcome_t> answers;
+        for (auto& insert : inserts)
+            answers.push_back(insert.get());
+        const auto failed = std::find_if(answers.begin(), answers.end(), [](const outcome_t& o) { return !o.ok; });
+        if (failed == answers.end() && !fault_allows(forward_step_t::acknowledged))
+            return outcome_t::failure("injected fault: the acknowledgement was lost");
+        for (std::size_t shard = 0; shard < answers.size(); ++shard)
+            if (answers[shard])
+                landed_through_[shard] = std::max(landed_through_[shard], last);
+        return failed == answers.end() ? outcome_t() : *failed;
     }
 
     outcome_t remove_acknowledged()
@@ -270,17 +375,26 @@ private:
         return outcome;
     }
 
-    // Drops from the spool what has reached ClickHouse although no acknowledgement said so
-    // (lost, or sent before a restart), so that it is not counted twice.
-    outcome_t skip_landed(clickhouse_http_t& http)
+    // Reads each shard's mark for this collector: the hits it holds although no
+    // acknowledgement said so (lost, or sent before a restart) are not sent to it again, and
+    // those every shard holds leave the spool.
+    outcome_t skip_landed(connections_t& shards)
     {
-        std::int64_t landed = 0;
-        outcome_t outcome = clickhouse_landed_through(http, address_.database, spool_->instance(), landed);
-        if (outcome && landed > acknowledged_) {
+        for (std::size_t shard = 0; shard < shards.size(); ++shard) {
+            std::int64_t landed = 0;
+            const outcome_t read =
+                clickhouse_landed_through(*shards[shard], address_.database, spool_->instance(), landed);
+            if (!read)
+                return read;
+            landed_through_[shard] = std::max(landed_through_[shard], landed);
+        }
+        const std::int64_t everywhere = *std::min_element(landed_through_.begin(), landed_through_.end());
+        outcome_t outcome;
+        if (everywhere > acknowledged_) {
             const std::int64_t held = unremoved_.exchange(0);
-            outcome = spool_->remove_through(landed);
+            outcome = spool_->remove_through(everywhere);
             if (outcome)
-                acknowledged_ = landed;
+                acknowledged_ = everywhere;
             else
                 unremoved_ += held;
         }
@@ -299,7 +413,7 @@ private:
         if (!outcome)
             batch = batch_t();
         else
-            batch.rows += tsv_rows(spool_->instance(), batch.hits, had);
+            append_tsv_rows(spool_->instance(), batch.hits, had, landed_through_, batch.rows);
         return outcome;
     }
 
@@ -322,21 +436,31 @@ private:
     }
 
     // Mutations run in the background; the count and the removal are done once the
-    // mutation is, so the number printed is the number gone.
+    // mutation is, so the number printed is the number gone. Every shard erases its own.
     outcome_t erase_where(const std::string& condition, std::int64_t& erased)
     {
-        clickhouse_http_t http(address_.server);
+        std::vector<std::int64_t> counts(address_.servers.size(), 0);
+        const outcome_t outcome = on_every_shard(address_.servers, [&](clickhouse_http_t& http, std::size_t shard) {
+            return erase_on_shard(http, condition, counts[shard]);
+        });
+        erased = 0;
+        for (const std::int64_t count : counts)
+            erased += count;
+        return outcome;
+    }
+
+    outcome_t erase_on_shard(clickhouse_http_t& http, const std::string& condition, std::int64_t& erased)
+    {
         std::string result;
         outcome_t outcome = create_clickhouse_schema(http, address_.database);
         if (outcome)
             outcome = http.run("SELECT uniqExact(collector, seq) FROM " + table_ + " WHERE " +
                                          condition + " FORMAT TabSeparated",
                                      std::string(), &result);
-        if (!outcome)
+        if (outcome)
+            outcome = read_count(result, erased);
+        if (!outcome || erased == 0)
             return outcome;
-        erased = std::stoll(result);
-        if (erased == 0)
-            return {};
         const std::string& db = address_.database;
         outcome = run_each(http, {"ALTER TABLE " + table_ + " DELETE WHERE " + condition,
                                   "ALTER TABLE " + db + ".user_days DELETE WHERE " + condition,
@@ -349,12 +473,15 @@ private:
     {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(10);
         for (;;) {
-            std::string pending;
-            const outcome_t outcome = http.run(
+            std::string answer;
+            std::int64_t pending = 0;
+            outcome_t outcome = http.run(
                 "SELECT count() FROM system.mutations WHERE database = " +
                     sql_quoted(address_.database) + " AND is_done = 0 FORMAT TabSeparated",
-                std::string(), &pending);
-            if (!outcome || std::stoll(pending) == 0)
+                std::string(), &answer);
+            if (outcome)
+                outcome = read_count(answer, pending);
+            if (!outcome || pending == 0)
                 return outcome;
             if (std::chrono::steady_clock::now() > deadline)
                 return outcome_t::failure("ClickHouse has not finished deleting after 10 minutes;"
@@ -366,10 +493,13 @@ private:
     const clickhouse_options_t options_;
     const clickhouse_address_t address_;
     const std::string table_;
+    const std::string insert_ = "INSERT INTO " + table_ + " (" + hit_columns + ") FORMAT TabSeparated";
     std::unique_ptr<spool_t> spool_;
-    bool schema_ready_ = false;  // the forwarder's own, like landed_known_, acknowledged_, next_
+    // The forwarder's own, like landed_known_, acknowledged_ and next_; by shard.
+    std::vector<bool> schema_ready_;
+    std::vector<std::int64_t> landed_through_;  // the shard holds every hit of its own up to this seq
     bool landed_known_ = false;
-    std::int64_t acknowledged_ = 0;  // ClickHouse has acknowledged every hit up to this seq
+    std::int64_t acknowledged_ = 0;  // every shard has acknowledged every hit up to this seq
     std::atomic<std::int64_t> unremoved_{0};  // acknowledged hits still in the spool
     batch_t next_;
     std::atomic<std::uint64_t> refused_{0};

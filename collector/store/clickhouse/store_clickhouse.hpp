@@ -3,9 +3,14 @@
 // order, in batches of thousands of rows or after a time bound, over its HTTP interface.
 // A hit leaves the spool only once ClickHouse has acknowledged the insert that held it.
 //
+// Shards: with several hosts, each holds the whole schema and the hits of the client ids
+// clickhouse_shard_of places there. A batch is split by shard, each part inserted into its
+// shard at once, and the batch leaves the spool once every shard has taken its part.
+//
 // Nothing counted twice: before it sends a batch whose acknowledgement it has not seen (the
-// first after a start or a failure), the forwarder asks ClickHouse how far its hits have
-// reached the aggregates (clickhouse_landed_through) and drops those from the spool. A batch
+// first after a start or a failure), the forwarder asks every shard how far its hits have
+// reached that shard's aggregates (clickhouse_landed_through, one mark per shard), sends each
+// shard only its hits above its mark, and drops from the spool what every shard holds. A part
 // that stopped half way (hits stored, aggregates not) is sent again whole: the hits table is
 // a ReplacingMergeTree on a key that ends in (collector, seq), so merges drop the copies, and
 // export and erase count distinct keys until then; the user sets are unchanged by a copy.
@@ -34,7 +39,7 @@ enum class forward_step_t {
 };
 
 struct clickhouse_options_t {
-    std::string uri;  // clickhouse+http://HOST:PORT/DATABASE
+    std::string uri;  // clickhouse+http://HOST:PORT[,HOST:PORT...]/DATABASE
     // The spool file; empty: no spool and no forwarder, for the owners' duties alone.
     std::string spool;
     durability_t durability = durability_t::normal;

@@ -1,6 +1,7 @@
-// The ClickHouse store against a real clickhouse-server on loopback: nothing lost and nothing
-// counted twice through outages, kills in the middle of a batch and a full spool; and the
-// same hits give the same export and reports from ClickHouse as from the SQLite store.
+// The ClickHouse store against real clickhouse-servers on loopback, one or two shards: nothing
+// lost and nothing counted twice through outages, kills in the middle of a batch and a full
+// spool; and the same hits give the same export and reports from ClickHouse as from the
+// SQLite store.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -62,18 +63,49 @@ class clickhouse_test : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        if (!start_server())
-            GTEST_SKIP() << "ClickHouse tests skipped: " << server.error();
+        for (std::size_t shard = 0; shard < shards; ++shard)
+            if (!start_server(servers[shard]))
+                GTEST_SKIP() << "ClickHouse tests skipped: " << servers[shard].error();
     }
 
     // Merges stay off, so copies of a batch sent twice stay visible to the checks.
-    bool start_server() { return server.start() && server.query("SYSTEM STOP MERGES").empty(); }
+    static bool start_server(usemeter_test::clickhouse_server_t& s)
+    {
+        return s.start() && s.query("SYSTEM STOP MERGES").empty();
+    }
+
+    std::string uri(const std::string& database) const
+    {
+        std::string hosts;
+        for (std::size_t shard = 0; shard < shards; ++shard)
+            hosts += (shard ? ",127.0.0.1:" : "127.0.0.1:") + std::to_string(servers[shard].port());
+        return "clickhouse+http://" + hosts + "/" + database;
+    }
+
+    // The numbers of a one-row answer, summed over the shards.
+    std::string summed(const std::string& statement) const
+    {
+        std::vector<std::int64_t> sums;
+        for (std::size_t shard = 0; shard < shards; ++shard) {
+            std::istringstream row(servers[shard].query(statement));
+            for (std::size_t column = 0; row.peek() != EOF && row.peek() != '\n'; ++column) {
+                sums.resize(std::max(sums.size(), column + 1));
+                std::int64_t number = 0;
+                row >> number;
+                sums[column] += number;
+            }
+        }
+        std::string text;
+        for (std::int64_t sum : sums)
+            text += (text.empty() ? "" : "\t") + std::to_string(sum);
+        return text + "\n";
+    }
 
     std::shared_ptr<uc::store_t> open(std::function<bool(uc::forward_step_t)> fault = nullptr,
                                       std::size_t spool_max_hits = 1000000, std::size_t batch_rows = 500)
     {
         uc::clickhouse_options_t options;
-        options.uri = server.uri("test");
+        options.uri = uri("test");
         options.spool = dir / "spool.db";
         options.spool_max_hits = spool_max_hits;
         options.batch_rows = batch_rows;
@@ -87,14 +119,56 @@ protected:
     }
 
     usemeter_test::temp_dir_t dir;
-    usemeter_test::clickhouse_server_t server;
+    std::size_t shards = 1;
+    usemeter_test::clickhouse_server_t servers[2];
+    usemeter_test::clickhouse_server_t& server = servers[0];
 };
+
+// Its tests run on one server and on a cluster of two shards.
+class clickhouse_shards_test : public clickhouse_test, public ::testing::WithParamInterface<std::size_t> {
+protected:
+    void SetUp() override
+    {
+        shards = GetParam();
+        clickhouse_test::SetUp();
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(shards, clickhouse_shards_test, ::testing::Values(1, 2));
 
 }  // namespace
 
+TEST(clickhouse_uri, names_each_shard_once_in_order)
+{
+    const struct {
+        const char* uri;
+        std::vector<std::string> servers;  // none: refused
+    } cases[] = {
+        {"clickhouse+http://ch:8123/usemeter", {"http://ch:8123"}},
+        {"clickhouse+http://[::1]:1,ch2:2,10.0.0.3:3/usemeter",
+         {"http://[::1]:1", "http://ch2:2", "http://10.0.0.3:3"}},
+        {"clickhouse+http://ch:1,ch:1/usemeter", {}},
+        {"clickhouse+http://ch:1,/usemeter", {}},
+        {"clickhouse+http://ch:1,ch2/usemeter", {}},
+        {"clickhouse+http://ch:/usemeter", {}},
+        {"clickhouse+http://ch:1/use-meter", {}},
+    };
+    for (const auto& c : cases) {
+        uc::clickhouse_address_t address;
+        std::string error;
+        EXPECT_EQ(uc::parse_clickhouse_uri(c.uri, address, error), !c.servers.empty()) << c.uri;
+        EXPECT_EQ(address.servers, c.servers) << c.uri;
+    }
+    // Hits are placed by this hash: it may never change.
+    EXPECT_EQ(uc::clickhouse_shard_of("", 1000), 37u);
+    EXPECT_EQ(uc::clickhouse_shard_of("both", 1000), 882u);
+    EXPECT_EQ(uc::clickhouse_shard_of("c3", 1000), 435u);
+}
+
 // Killed after the insert, a batch has reached ClickHouse unacknowledged; stopped or killed
-// mid-insert, it may have left any part of itself behind. Each hit is counted once.
-TEST_F(clickhouse_test, stopped_or_killed_in_the_middle_of_a_batch_nothing_missing_nothing_twice)
+// mid-insert, it may have left any part of itself behind, on a cluster one shard's part
+// taken and the other's not; hits keep coming while it is down. Each hit is counted once.
+TEST_P(clickhouse_shards_test, stopped_or_killed_in_the_middle_of_a_batch_nothing_missing_nothing_twice)
 {
     struct case_t {
         const char* name;
@@ -109,8 +183,10 @@ TEST_F(clickhouse_test, stopped_or_killed_in_the_middle_of_a_batch_nothing_missi
     };
     for (const case_t& c : cases) {
         SCOPED_TRACE(c.name);
-        server.query("DROP DATABASE IF EXISTS test");
+        for (std::size_t shard = 0; shard < shards; ++shard)
+            servers[shard].query("DROP DATABASE IF EXISTS test");
         std::remove((dir / "spool.db").c_str());
+        usemeter_test::clickhouse_server_t& victim = servers[shards - 1];
         std::atomic<bool> fired{false};
         std::thread killer;
         auto store = open([&](uc::forward_step_t step) {
@@ -118,22 +194,23 @@ TEST_F(clickhouse_test, stopped_or_killed_in_the_middle_of_a_batch_nothing_missi
                 return true;
             killer = std::thread([&] {
                 std::this_thread::sleep_for(milliseconds(c.kill_after_ms));
-                server.kill(c.signal);
+                victim.kill(c.signal);
             });
             fired = true;
             return step == uc::forward_step_t::send;
         });
-        std::vector<uc::hit_t> hits(2000);
-        for (int n = 0; n < 2000; ++n)
+        std::vector<uc::hit_t> hits(3000);
+        for (int n = 0; n < 3000; ++n)
             hits[n] = {1790000000 + n, "UA-7-1", "c" + std::to_string(n % 17), "prod", "1.0", "", "linux",
                        "y", "gui", std::to_string(n)};
-        ASSERT_TRUE(store->append(hits));
+        ASSERT_TRUE(store->append({hits.begin(), hits.begin() + 2000}));
         ASSERT_TRUE(eventually([&] { return fired.load(); }));
         killer.join();
-        ASSERT_TRUE(start_server()) << server.error();
+        ASSERT_TRUE(store->append({hits.begin() + 2000, hits.end()}));
+        ASSERT_TRUE(start_server(victim)) << victim.error();
         ASSERT_TRUE(eventually([&] { return store->backlog() == 0; }));
-        EXPECT_EQ(server.query(unique_hits), "2000\t2000\t2000\n");
-        EXPECT_EQ(export_lines(*store).size(), 2001u);
+        EXPECT_EQ(summed(unique_hits), "3000\t3000\t3000\n");
+        EXPECT_EQ(export_lines(*store).size(), 3001u);
     }
 }
 
@@ -164,7 +241,7 @@ TEST_F(clickhouse_test, full_spool_refuses_with_one_record_and_a_metric_until_th
     const auto full = [](const std::string& m) { return m.find("the spool is full") != std::string::npos; };
     EXPECT_EQ(std::count_if(messages.begin(), messages.end(), full), 1);
 
-    ASSERT_TRUE(start_server()) << server.error();
+    ASSERT_TRUE(start_server(server)) << server.error();
     ASSERT_TRUE(eventually([&] { return options.store_instance->backlog() == 0; }));
     EXPECT_EQ(post(7), 200);
     EXPECT_EQ(client.Get("/healthz")->status, 200);
@@ -176,8 +253,9 @@ TEST_F(clickhouse_test, full_spool_refuses_with_one_record_and_a_metric_until_th
 // The same hits through both stores give the same export and the same reports, awkward labels
 // included, although every other acknowledgement from ClickHouse is lost and some hits reach
 // it as an import would, straight into hits: before the collector's first connection (a
-// database of an earlier version, back-filled) and after; a failure to read is a result.
-TEST_F(clickhouse_test, both_stores_give_the_same_export_and_reports)
+// database of an earlier version, back-filled) and after; a failure to read is a result. On
+// a cluster, every shard holds hits and no client id is on two.
+TEST_P(clickhouse_shards_test, both_stores_give_the_same_export_and_reports)
 {
     const tracelog::log_capture_t log("usemeter.collector");  // the forwarder's retries
     const std::int64_t now = std::time(nullptr);
@@ -202,14 +280,17 @@ TEST_F(clickhouse_test, both_stores_give_the_same_export_and_reports)
                 uc::append_tsv_field(rows += '\t', *field);
             rows += '\n';
         }
-        uc::clickhouse_http_t http("http://127.0.0.1:" + std::to_string(server.port()));
+        const std::size_t shard = uc::clickhouse_shard_of("both", shards);
+        uc::clickhouse_http_t http("http://127.0.0.1:" + std::to_string(servers[shard].port()));
         EXPECT_TRUE(http.run("INSERT INTO test.hits FORMAT TabSeparated", rows));
     };
-    server.query("CREATE DATABASE test");
-    server.query("CREATE TABLE test.hits (collector String, seq UInt64, received Int64, day Date,"
-                 " tid String, cid String, an String, av String, cd1 String, cd2 String, cd3 String,"
-                 " ec String, el String) ENGINE = ReplacingMergeTree() PARTITION BY toYYYYMM(day)"
-                 " ORDER BY (an, day, collector, seq)");
+    for (std::size_t shard = 0; shard < shards; ++shard) {
+        servers[shard].query("CREATE DATABASE test");
+        servers[shard].query("CREATE TABLE test.hits (collector String, seq UInt64, received Int64, day Date,"
+                             " tid String, cid String, an String, av String, cd1 String, cd2 String, cd3 String,"
+                             " ec String, el String) ENGINE = ReplacingMergeTree() PARTITION BY toYYYYMM(day)"
+                             " ORDER BY (an, day, collector, seq)");
+    }
     import(0, 2);
     int acknowledgements = 0;
     auto clickhouse = open([&](uc::forward_step_t step) {
@@ -228,7 +309,17 @@ TEST_F(clickhouse_test, both_stores_give_the_same_export_and_reports)
     ASSERT_TRUE(eventually([&] { return clickhouse->backlog() == 0; }));
     import(2, both_products.size());
     ASSERT_GT(acknowledgements, 10);
-    ASSERT_EQ(server.query("SELECT count() = uniqExact(collector, seq) FROM test.hits"), "1\n");
+    ASSERT_EQ(summed("SELECT count() - uniqExact(collector, seq) FROM test.hits"), "0\n");
+    std::vector<std::string> cids;
+    for (std::size_t shard = 0; shard < shards; ++shard) {
+        std::istringstream held(servers[shard].query("SELECT DISTINCT cid FROM test.hits"));
+        const std::size_t before = cids.size();
+        for (std::string cid; std::getline(held, cid);)
+            cids.push_back(cid);
+        EXPECT_GT(cids.size(), before + 10) << "shard " << shard;
+    }
+    std::sort(cids.begin(), cids.end());
+    EXPECT_TRUE(std::adjacent_find(cids.begin(), cids.end()) == cids.end());
     // SQLite exports in the order appended, ClickHouse in the order of the times received,
     // which differ here: one product's days were appended after the other's.
     std::vector<std::string> from_sqlite = export_lines(*sqlite);
@@ -242,7 +333,7 @@ TEST_F(clickhouse_test, both_stores_give_the_same_export_and_reports)
     EXPECT_TRUE(from_clickhouse == from_sqlite) << from_clickhouse.size() << " lines, " << from_sqlite.size();
 
     auto sqlite_reports = uc::open_report_source("sqlite:" + (dir / "hits.db"), error);
-    auto clickhouse_reports = uc::open_report_source(server.uri("test"), error);
+    auto clickhouse_reports = uc::open_report_source(uri("test"), error);
     ASSERT_TRUE(sqlite_reports && clickhouse_reports) << error;
     const std::string since = uc::utc_day(now - 50 * 86400), until = uc::utc_day(now - 10 * 86400);
     std::vector<uc::report_query_t> queries = {
@@ -258,15 +349,17 @@ TEST_F(clickhouse_test, both_stores_give_the_same_export_and_reports)
             EXPECT_EQ(report_text(*clickhouse_reports, kind, query), expected);
         }
     }
-    // Erasing a user and the days before since leaves the same numbers in both.
+    // Erasing a user and the days before since erases as many hits and leaves the same numbers.
+    std::int64_t erased[2][2] = {};
     for (uc::store_t* store : {sqlite.get(), clickhouse.get()}) {
-        std::int64_t erased = 0;
-        ASSERT_TRUE(store->erase_client("both", erased) && store->erase_before(since, erased));
+        std::int64_t* counts = erased[store == clickhouse.get()];
+        ASSERT_TRUE(store->erase_client("both", counts[0]) && store->erase_before(since, counts[1]));
     }
+    EXPECT_TRUE(std::equal(erased[0], erased[0] + 2, erased[1])) << erased[1][0] << " " << erased[1][1];
     for (uc::report_kind_t kind : {uc::report_kind_t::active, uc::report_kind_t::features})
         EXPECT_EQ(report_text(*clickhouse_reports, kind, queries[0]),
                   report_text(*sqlite_reports, kind, queries[0]));
-    server.kill();
+    servers[shards - 1].kill();
     const std::string unread = report_text(*clickhouse_reports, uc::report_kind_t::systems, queries[0]);
     EXPECT_EQ(unread.rfind("cannot read", 0), 0u);
 }
