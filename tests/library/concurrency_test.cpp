@@ -1,21 +1,10 @@
 // Host threads meeting the library's shared state at once, for ThreadSanitizer to judge: the
 // process-wide instance, backends around their workers, one connector fed by many threads, and
 // the bridge's identifier exchange.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <csignal>
-#include <thread>
-
 #include <boost/filesystem/operations.hpp>
 #include <boost/thread/barrier.hpp>
 
-#include "prodenv/fixed_locations.hpp"
-#include "support/fake_tool.hpp"
-#include "support/loopback_user.hpp"
-#include "usemeter/orb_accessor.hpp"
-#include "usemeter/statistic.hpp"
-#include "usemeter/sys/statistic_impl_ga.hpp"
+#include "library/library_test.hpp"
 
 using namespace usemeter_test;
 
@@ -128,8 +117,7 @@ TEST_F(concurrency_test, bridge_hands_every_thread_the_tools_identifier)
     prodenv::fixed_locations_t locations;
     locations.temp_dir = tmp.path();
     const std::string line = "0A1B2C3D-0000-4000-8000-00000000CAFE";
-    fake_tool_t tool(home / "norvel/orb/bin/ia32/norvelremotemon",
-                     on_argument("-u", "printf '%s\\n' " + shell_quote(line) + " > \"$2\""));
+    fake_tool_t tool(home / monitor_in_home, writing_uuid(line + "\n"));
     const usemeter::orb_accessor_impl_t bridge;
     std::atomic<int> wrong{0};
     run_together(thread_count, [&](int) {

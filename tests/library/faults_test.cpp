@@ -1,39 +1,18 @@
 // Faults of users' machines and of untidy hosts: a file system that takes no writes, a hanging
 // collector, signals, descriptors, fork, privileges, hostile names. The host notices nothing
 // beyond missing hits: no exception, no report that waits, bounded destruction, nothing lost.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <functional>
 #include <sstream>
-#include <thread>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "support/fake_tool.hpp"
-#include "support/host_double.hpp"
-#include "support/loopback_user.hpp"
-#include "tracelog/log_capture.hpp"
-#include "usemeter/orb_accessor.hpp"
-#include "usemeter/sys/statistic_impl_ga.hpp"
+#include "library/library_test.hpp"
 
 using namespace usemeter_test;
-using tracelog::log_capture_t;
-using usemeter_1_5_7::orb_accessor_impl_t;
-using usemeter_1_5_7::statistic_impl_ga_t;
-using namespace std::chrono_literals;
 
 namespace {
-
-const orb_accessor_impl_t::orb_tool_t monitor = orb_accessor_impl_t::tool_remote_monitor;
 
 class faults : public ::testing::Test, protected loopback_user_t {
 protected:
     ~faults() override { reap_children(); }
-    std::string tool_path() const { return home / "norvel/orb/bin/ia32/norvelremotemon"; }
+    std::string tool_path() const { return home / monitor_in_home; }
 };
 
 // A host's whole session: build, report, consent, destroy. Returns the identifier it had.
@@ -59,17 +38,15 @@ std::string host_session(int reports,
 // forced collection) though the session answers "1", nor the history.
 TEST_F(faults, file_system_takes_no_writes_and_earlier_files_survive)
 {
-    const std::string dir = home / "norvel/trovix/settings/statistic";
-    make_dirs(dir);
-    const std::string dates = "<bag><item type=\"bag\"><Y type=\"int\">2020</Y>"
-                              "<M type=\"int\">3</M><D type=\"int\">1</D></item></bag>";
-    write_file(dir + "/last_active_dates.xml", dates);
+    make_dirs(home / "norvel/trovix/settings/statistic");
+    const std::string dates = history_xml({{2020, 3, 1}});
+    write_file(home / history_in_home, dates);
     write_file(home / "norvel/optin", "0");
     host_double_t host;
     host.files_fail = true;
     EXPECT_EQ(host_session(3).size(), 36u);
-    EXPECT_FALSE(file_exists(dir + "/uuid.xml"));
-    EXPECT_EQ(read_file(dir + "/last_active_dates.xml"), dates);
+    EXPECT_FALSE(file_exists(home / "norvel/trovix/settings/statistic/uuid.xml"));
+    EXPECT_EQ(read_file(home / history_in_home), dates);
     EXPECT_EQ(read_file(home / "norvel/optin"), "0");
     EXPECT_EQ(proxy.request_count(), 3u);
 }

@@ -1,19 +1,13 @@
 // The connector against loopback collectors: what reaches them, the candidate routes and
 // bounded destruction whatever the route does.
-#include <gtest/gtest.h>
-
-#include <functional>
-
-#include "support/loopback_user.hpp"
+#include "library/library_test.hpp"
 #include "usemeter/sys/http_connector.hpp"
 
 namespace {
 
 using usemeter_1_5_7::http_connector_t;
 using namespace usemeter_test;
-using strings_t = std::vector<std::string>;
 using collector_fault_t = std::function<void(loopback_collector_t&)>;
-using namespace std::chrono_literals;
 
 strings_t bodies_of(const loopback_collector_t& collector)
 {

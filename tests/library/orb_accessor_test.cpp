@@ -1,56 +1,28 @@
 // The bridge to the support tools: their arguments and answers, how a run ends, where a tool
 // is found, and the identifier exchange file.
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <functional>
-#include <optional>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "prodenv/fixed_locations.hpp"
-#include "support/fake_tool.hpp"
-#include "support/temp_home.hpp"
-#include "tracelog/log_capture.hpp"
-#include "usemeter/orb_accessor.hpp"
+#include "library/library_test.hpp"
 
 namespace {
 
 using namespace usemeter_test;
-using tracelog::log_capture_t;
-using usemeter_1_5_7::orb_accessor_impl_t;
 using tool_t = orb_accessor_impl_t::orb_tool_t;
-using strings = std::vector<std::string>;
 
-const tool_t monitor = orb_accessor_impl_t::tool_remote_monitor;
 const tool_t main_tool = orb_accessor_impl_t::tool_main;
 const tool_t consent = orb_accessor_impl_t::tool_consent_check;
 // Where the bridge looks below $HOME, indexed by tool.
-const char* const home_paths[] = {"norvel/orb/bin/ia32/norvelremotemon", "norvel/orb/orb",
+const char* const home_paths[] = {monitor_in_home, "norvel/orb/orb",
                                   "norvel/orb/bin/ia32/checkOPTINconsent"};
 const char* const logger_name = "usemeter.orb_accessor";
 const std::string default_guid = "{00000000-0000-0000-0000-000000000000}";
 const std::string missing = "<no tool>";
 
 std::string exchange_name(int n, const char* ext = ".txt")
-{
-    return "uuid-" + std::to_string(::getpid()) + "-" + std::to_string(n) + ext;
-}
-
-std::string writing_uuid(const std::string& content)
-{
-    return on_argument("-u", "printf %s " + shell_quote(content) + " > \"$2\"");
-}
+{ return "uuid-" + std::to_string(::getpid()) + "-" + std::to_string(n) + ext; }
 
 class bridge_test : public ::testing::Test {
 protected:
     bridge_test() { locations_.temp_dir = tmp_.path(); }
-    void TearDown() override
-    {
-        EXPECT_FALSE(has_children()) << "a tool outlived its call";
-        reap_children();
-    }
+    void TearDown() override { EXPECT_FALSE(has_children()) << "a tool outlived its call"; reap_children(); }
     // A system-wide installation would be found before a missing tool or the override.
     bool system_install() const { return file_exists("/opt/norvel"); }
 
@@ -83,7 +55,7 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
         std::string sh;
         std::function<bool()> op;
         bool ok;
-        strings args;
+        strings_t args;
         const char* switched_off = nullptr;
         std::string logged = "";
     };
@@ -128,7 +100,7 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
         log_capture_t log(logger_name);
         EXPECT_EQ(row.op(), row.ok);
         reap_children();
-        EXPECT_EQ(tool ? tool->args() : strings{}, row.args);
+        EXPECT_EQ(tool ? tool->args() : strings_t{}, row.args);
         EXPECT_TRUE(row.logged.empty() || log.contains_start(row.logged)) << row.logged;
     }
     EXPECT_EQ(count_entries(tmp_.path()), 0) << "an exchange file was left";
@@ -161,7 +133,7 @@ TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
         EXPECT_EQ(bridge_.invoke_orb(monitor, {"a b", "c"}, row.sync), row.expected);
         EXPECT_EQ(reap_children().size(), row.sync || !row.body ? 0u : 1u);
         if (row.body && row.mode == 0755) {
-            EXPECT_EQ(tool->args(), (strings{"a b", "c"}));
+            EXPECT_EQ(tool->args(), (strings_t{"a b", "c"}));
             EXPECT_TRUE(log.contains("orb command line='" + tool->path() + " a b c'"));
             const std::string code = "orb return code=" + std::to_string(row.expected);
             EXPECT_TRUE(!row.sync || log.contains(code));
@@ -231,7 +203,7 @@ TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
         write_file(victim, "precious");
         ASSERT_EQ(plant(victim.c_str(), planted.c_str()), 0);
         EXPECT_EQ(bridge_.get_uuid(), "ID");
-        EXPECT_EQ(tool.args(), (strings{"-u", tmp_ / exchange_name(2)}));
+        EXPECT_EQ(tool.args(), (strings_t{"-u", tmp_ / exchange_name(2)}));
         EXPECT_EQ(read_file(victim), "precious");
         EXPECT_EQ(count_entries(tmp_.path()), 1) << "only the planted link is left";
         ::unlink(planted.c_str());
@@ -239,7 +211,7 @@ TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
     for (int n = 1; n <= 18; ++n)
         write_file(tmp_ / exchange_name(n, ".lock"), "");
     EXPECT_EQ(bridge_.get_uuid(), "ID");
-    EXPECT_EQ(tool.args(), (strings{"-u", tmp_ / exchange_name(19)}));
+    EXPECT_EQ(tool.args(), (strings_t{"-u", tmp_ / exchange_name(19)}));
     write_file(tmp_ / exchange_name(19, ".lock"), "");
     EXPECT_EQ(bridge_.get_uuid(), "");
     EXPECT_EQ(count_entries(tmp_.path()), 19) << "only the locks are left";

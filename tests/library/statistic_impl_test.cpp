@@ -1,25 +1,17 @@
 // The policy core: which settings enable statistics, the identifier, consent and the per-user
 // directories; the corporate name look-up's verdict.
-#include <gtest/gtest.h>
-
 #include <arpa/inet.h>
 #include <regex>
-#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 
+#include "library/library_test.hpp"
 #include "network_status_detail.hpp"
-#include "prodenv/fixed_locations.hpp"
 #include "rtbase/strings.hpp"
-#include "support/host_double.hpp"
-#include "support/temp_home.hpp"
-#include "tracelog/log_capture.hpp"
 #include "usemeter/sys/statistic_impl.hpp"
 
 using usemeter::statistic_impl_t;
 using namespace usemeter_test;
-using tracelog::log_capture_t;
-using lines_t = std::vector<std::string>;
 
 namespace {
 
@@ -76,40 +68,39 @@ protected:
 TEST_F(policy, enablement_table)
 {
     const std::string forced = "Return 'evsEnabledForced' - NORVEL_FORCE_FEEDBACK is set";
-    const std::string forced_on =
-        "Return 'true' - statistic forcefully enabled by environment variables";
-    const std::string off = "Return 'false' - statistic disabled due to environment variables";
-    const std::string yes = "optin file enables statistic", no = "optin file disables statistic";
-    const std::string none = "optin file missing/not readable";
+    const strings_t forcing = {forced, "Return 'true' - statistic forcefully enabled by environment variables"};
+    const auto off = [](int step) {
+        return strings_t{"Return 'evsDisabled' - " + std::string(steps[step]) + " is set",
+                         "Return 'false' - statistic disabled due to environment variables"};
+    };
+    const strings_t yes = {env_on, env_on, read, "optin file enables statistic"};
+    const strings_t no = {env_on, env_on, read, "optin file disables statistic"};
+    const strings_t none = {env_on, env_on, "optin file missing/not readable"};
     const struct {
         const char* values[4];  // for steps; null: unset
         const char* node;
         std::string consent;  // for place()
         bool expected;
-        lines_t messages;  // without the enter/exit traces
+        strings_t messages;  // without the enter/exit traces
     } rows[] = {
-        {{"1"}, "127.0.0.1", "1", false,
-         {"Return 'evsDisabled' - NORVEL_STATISTICS_DISABLE is set", off}},
-        {{"0", "1"}, "127.0.0.1", "1", false,
-         {"Return 'evsDisabled' - NORVEL_STATISTICS_DISABLE is set", off}},
-        {{nullptr, " ", "1"}, "127.0.0.1", "1", false,
-         {"Return 'evsDisabled' - NORVEL_DONOTSEND_FEEDBACK is set", off}},
-        {{nullptr, nullptr, "no", "1"}, "127.0.0.1", "1", false,
-         {"Return 'evsDisabled' - NORVEL_DISABLE_FEEDBACK is set", off}},
-        {{nullptr, nullptr, nullptr, "0"}, "10.1.2.3", "0", true, {forced, forced_on}},
-        {{"", "", "", "1"}, unreachable, "<missing>", true, {forced, forced_on}},
+        {{"1"}, "127.0.0.1", "1", false, off(0)},
+        {{"0", "1"}, "127.0.0.1", "1", false, off(0)},
+        {{nullptr, " ", "1"}, "127.0.0.1", "1", false, off(1)},
+        {{nullptr, nullptr, "no", "1"}, "127.0.0.1", "1", false, off(2)},
+        {{nullptr, nullptr, nullptr, "0"}, "10.1.2.3", "0", true, forcing},
+        {{"", "", "", "1"}, unreachable, "<missing>", true, forcing},
         {{"", "", "", ""}, "10.1.2.3", "1", false, {env_on, "Return 'false' - excluded network"}},
         {{}, unreachable, "1", false, {env_on, "Return 'false' - network error"}},
-        {{}, "127.0.0.1", "1\n", true, {env_on, env_on, read, yes}},
-        {{}, "::1", "0", false, {env_on, env_on, read, no}},
-        {{}, "127.0.0.1", "<missing>", false, {env_on, env_on, none}},
-        {{}, "127.0.0.1", "<dir>", false, {env_on, env_on, none}},
-        {{}, "127.0.0.1", "\n\t 1 0", true, {env_on, env_on, read, yes}},
-        {{}, "127.0.0.1", "10", false, {env_on, env_on, read, no}},
-        {{}, "127.0.0.1", "", false, {env_on, env_on, read, no}},
-        {{}, "127.0.0.1", " \n", false, {env_on, env_on, read, no}},
-        {{}, "127.0.0.1", std::string("\x01\xff\x00" "1", 4), false, {env_on, env_on, read, no}},
-        {{}, "127.0.0.1", "<endless>", false, {env_on, env_on, read, no}},
+        {{}, "127.0.0.1", "1\n", true, yes},
+        {{}, "::1", "0", false, no},
+        {{}, "127.0.0.1", "<missing>", false, none},
+        {{}, "127.0.0.1", "<dir>", false, none},
+        {{}, "127.0.0.1", "\n\t 1 0", true, yes},
+        {{}, "127.0.0.1", "10", false, no},
+        {{}, "127.0.0.1", "", false, no},
+        {{}, "127.0.0.1", " \n", false, no},
+        {{}, "127.0.0.1", std::string("\x01\xff\x00" "1", 4), false, no},
+        {{}, "127.0.0.1", "<endless>", false, no},
     };
     make_dirs(home / "norvel");
     for (const auto& row : rows) {
@@ -142,7 +133,7 @@ TEST_F(policy, send_files_and_consent_from_the_environment)
         scoped_env_t variable(steps[step], "1");
         log_capture_t log("usemeter.statistic");
         EXPECT_EQ(probe.is_send_files_disabled(), step == 1) << steps[step];
-        EXPECT_EQ(log.messages(), lines_t{step == 1 ? refused : "Return 'false'"});
+        EXPECT_EQ(log.messages(), strings_t{step == 1 ? refused : "Return 'false'"});
         EXPECT_EQ(probe.get_user_consent(), step == 3 ? 1 : 2) << steps[step];
     }
 }
@@ -188,7 +179,7 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
         EXPECT_EQ(read_file(uuid_xml()), row.first);
         EXPECT_EQ(uuid, row.second == kept ? "short" : "");
         if (row.second == blank) {
-            EXPECT_EQ(log.messages(), lines_t{"Return 'false' - empty uuid. reporting disabled"});
+            EXPECT_EQ(log.messages(), strings_t{"Return 'false' - empty uuid. reporting disabled"});
         }
     }
 }
@@ -219,7 +210,7 @@ TEST_F(policy, consent_writes_one_byte_and_refreshes_the_decision)
     probe.set_statistic_collection_enabled(true);
     EXPECT_FALSE(file_exists(optin));
     EXPECT_FALSE(probe.enabled());
-    EXPECT_EQ(log.messages(), (lines_t{env_on, env_on, "optin file missing/not readable"}));
+    EXPECT_EQ(log.messages(), (strings_t{env_on, env_on, "optin file missing/not readable"}));
 }
 
 // The product directory comes from the locations service, else the product name; the consent
@@ -253,7 +244,7 @@ TEST_F(policy, unusable_directories_leave_a_silent_object)
         log_capture_t log("usemeter.statistic");
         const probe_t probe(name);
         EXPECT_FALSE(probe.enabled() || !probe.get_uuid().empty()) << name;
-        EXPECT_EQ(log.messages(), lines_t{"statistic disabled: product name '" +
+        EXPECT_EQ(log.messages(), strings_t{"statistic disabled: product name '" +
                                           rtbase::escape_controls(name) + "' cannot name a directory"});
     }
     write_file(home / "plain", "x");
@@ -262,7 +253,7 @@ TEST_F(policy, unusable_directories_leave_a_silent_object)
         log_capture_t log("usemeter.statistic");
         probe_t probe;
         EXPECT_FALSE(probe.enabled() || !probe.get_uuid().empty());
-        const lines_t messages = log.messages(true);  // the decision is never taken
+        const strings_t messages = log.messages(true);  // the decision is never taken
         ASSERT_EQ(messages.size(), 1u);
         EXPECT_EQ(messages[0].find("statistic disabled: cannot prepare per-user directories: "), 0u);
     }
