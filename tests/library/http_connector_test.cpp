@@ -44,11 +44,7 @@ protected:
 // is the stop marker: nothing after it is sent.
 TEST_F(http_connector, the_first_failure_or_the_stop_marker_ends_delivery)
 {
-    const struct {
-        const char* name;
-        collector_fault_t fault;
-        strings_t posted;
-    } cases[] = {
+    const struct { const char* name; collector_fault_t fault; strings_t posted; } cases[] = {
         {"204", [](loopback_collector_t& s) { s.answer(204); }, numbered_bodies(3)},
         {"500", [](loopback_collector_t& s) { s.answer(500); }, numbered_bodies(3)},
         {"reset", [](loopback_collector_t& s) { s.reset_connections(); }, numbered_bodies(3)},
@@ -91,11 +87,7 @@ TEST_F(http_connector, tries_both_candidates_once_before_giving_up)
 // explicit candidate goes through the proxy. A refused direct route ends delivery.
 TEST_F(http_connector, moves_to_the_direct_route_when_the_proxy_fails_and_stays)
 {
-    const struct {
-        const char* name;
-        collector_fault_t fail;
-        bool direct_listens;
-    } cases[] = {
+    const struct { const char* name; collector_fault_t fail; bool direct_listens; } cases[] = {
         {"502", [](loopback_collector_t& p) { p.answer(502); }, true},
         {"connection reset", [](loopback_collector_t& p) { p.reset_connections(); }, true},
         {"refused direct", [](loopback_collector_t& p) { p.answer(500); }, false},

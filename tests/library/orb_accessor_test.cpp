@@ -51,13 +51,8 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
     const auto updates = [&] { bridge_.check_for_updates(default_guid); return has_children(); };
     const auto uuid = [&] { return bridge_.get_uuid().empty(); };
     struct row_t {
-        tool_t tool;
-        std::string sh;
-        std::function<bool()> op;
-        bool ok;
-        strings_t args;
-        const char* switched_off = nullptr;
-        std::string logged = "";
+        tool_t tool; std::string sh; std::function<bool()> op; bool ok; strings_t args;
+        const char* switched_off = nullptr; std::string logged = "";
     };
     const std::string orb_off = "Return 'false' - USEMETER_DISABLE_ORB is set";
     const row_t rows[] = {
