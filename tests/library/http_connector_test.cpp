@@ -9,14 +9,6 @@ using usemeter_1_5_7::http_connector_t;
 using namespace usemeter_test;
 using collector_fault_t = std::function<void(loopback_collector_t&)>;
 
-strings_t bodies_of(const loopback_collector_t& collector)
-{
-    strings_t bodies;
-    for (const hit_request_t& r : collector.requests())
-        bodies.push_back(r.body);
-    return bodies;
-}
-
 strings_t numbered_bodies(int count)
 {
     strings_t bodies;
@@ -57,7 +49,7 @@ TEST_F(http_connector, the_first_failure_or_the_stop_marker_ends_delivery)
         ASSERT_TRUE(collector.wait_for_requests(1)) << c.name;
         connector->post("v=1&late");
         connector.reset();
-        EXPECT_EQ(bodies_of(collector), numbered_bodies(1)) << c.name;
+        EXPECT_EQ(collector.bodies(), numbered_bodies(1)) << c.name;
     }
 }
 
@@ -75,8 +67,8 @@ TEST_F(http_connector, tries_both_candidates_once_before_giving_up)
         start(target.url(), numbered_bodies(3));
         connector.reset();
     }
-    EXPECT_EQ(bodies_of(target), strings_t(2, "v=1&n=0"));
-    EXPECT_EQ(bodies_of(proxy), strings_t(2, "v=1&n=0"));
+    EXPECT_EQ(target.bodies(), strings_t(2, "v=1&n=0"));
+    EXPECT_EQ(proxy.bodies(), strings_t(2, "v=1&n=0"));
     EXPECT_EQ(proxy.requests().at(0).target, target.url());
     EXPECT_EQ(upper_case.request_count(), 0u);
 }
@@ -104,7 +96,7 @@ TEST_F(http_connector, moves_to_the_direct_route_when_the_proxy_fails_and_stays)
         c.fail(proxy);
         connector.reset();
         EXPECT_EQ(proxy.request_count(), 1u) << c.name;
-        EXPECT_EQ(bodies_of(direct), c.direct_listens ? numbered_bodies(4) : strings_t()) << c.name;
+        EXPECT_EQ(direct.bodies(), c.direct_listens ? numbered_bodies(4) : strings_t()) << c.name;
     }
 }
 

@@ -44,13 +44,11 @@ protected:
 
     strings_t bodies() const
     {
-        strings_t out;
         for (const hit_request_t& request : proxy.requests()) {
             EXPECT_EQ(request.method + " " + request.target, "POST http://www.google-analytics.com/collect");
             EXPECT_EQ(request.header("Content-Type"), "application/x-www-form-urlencoded");
-            out.push_back(request.body);
         }
-        return out;
+        return proxy.bodies();
     }
 };
 
