@@ -22,22 +22,17 @@ TEST(os_name, each_release_file_is_read_as_its_format_says_in_order)
     const struct { const char* os; std::string expected; const char* redhat = "Fallback\n"; } rows[] = {
         {"NAME=\"Debian\"\nPRETTY_NAME=\"Debian 12\"\nID=debian\n", "Debian 12"},
         {"PRETTY_NAME=\"  Ubuntu 14.04 LTS \" \n", "Ubuntu 14.04 LTS"},  // blanks and " trimmed
-        {"PRETTY_NAME=Fedora 39", "Fedora 39"},
         {"PRETTY_NAME=\"Debian\"\r\nID=debian\r\n", "Debian\"\r"},  // CR-LF keeps \r and "
-        {"PRETTY_NAME='Arch Linux'\n", "'Arch Linux'"},
-        {"PRETTY_NAME=\"a \"quoted\" word\"\n", "a \"quoted\" word"},
+        {"PRETTY_NAME=Fedora 39", "Fedora 39"}, {"PRETTY_NAME='Arch Linux'\n", "'Arch Linux'"},
+        {"PRETTY_NAME=\"a \"quoted\" word\"\n", "a \"quoted\" word"}, {"PRETTY_NAME=\" \"\" \"\n", "Fallback"},
         {"PRETTY_NAME=\t\"Tabbed\"\t\n", "\t\"Tabbed\"\t"},
-        {"PRETTY_NAME=\" \"\" \"\n", "Fallback"},
         {"PRETTY_NAME=\"First\"\nPRETTY_NAME=\"Second\"\n", "First"},
         {"PRETTY_NAME=\nPRETTY_NAME=\"Second\"\n", "Fallback"},  // the first line wins, even empty
-        {"  PRETTY_NAME=x\nexport PRETTY_NAME=x\n#PRETTY_NAME=x\npretty_name=x\nNAME=x\n",
-         "Fallback"},
+        {"  PRETTY_NAME=x\nexport PRETTY_NAME=x\n#PRETTY_NAME=x\npretty_name=x\nNAME=x\n", "Fallback"},
         {missing, "CentOS Linux 7.9 (Core)", "CentOS Linux 7.9 (Core)\nsecond\n"},
         {"", "  \"Quoted\" release  ", "  \"Quoted\" release  \n"},  // untrimmed
         {missing, "Red Hat Enterprise Linux 8\r", "Red Hat Enterprise Linux 8\r\n"},
-        {"", undefined, "\nSecond\n"},
-        {missing, undefined, missing},
-        {"<dir>", undefined, "<dir>"},
+        {"", undefined, "\nSecond\n"}, {missing, undefined, missing}, {"<dir>", undefined, "<dir>"},
     };
     temp_dir_t dir;
     const auto place = [&dir](const char* content, const std::string& name) {

@@ -242,20 +242,16 @@ TEST_F(policy, per_user_paths_or_a_silent_object)
     EXPECT_TRUE(boost::filesystem::is_directory(uuid_xml()));
 }
 
-// Each entry is one answer of a synthetic list ("v4:a.b.c.d" or "v6:<address>"), linked in
-// order; a v6 entry carries 10.1.2.3 where an IPv4 address would lie, so only the family decides.
-int classify(int gai_error, const std::vector<std::string>& entries)
+// A synthetic answer list, linked in order: IPv4 addresses, and for "v6" an IPv6 entry whose bytes
+// read 10.1.2.3 where an IPv4 address would lie, so that only the family decides.
+int classify(int gai_error, const strings_t& entries)
 {
-    std::vector<sockaddr_in6> addresses(entries.size());
+    std::vector<sockaddr_in> addresses(entries.size());
     std::vector<addrinfo> infos(entries.size());
     for (std::size_t i = 0; i < entries.size(); ++i) {
-        const bool v4 = entries[i].compare(0, 3, "v4:") == 0;
-        auto* v4_address = reinterpret_cast<sockaddr_in*>(&addresses[i]);
-        ::inet_pton(AF_INET, "10.1.2.3", &v4_address->sin_addr);
-        addresses[i].sin6_family = v4 ? AF_INET : AF_INET6;
-        ::inet_pton(v4 ? AF_INET : AF_INET6, entries[i].c_str() + 3,
-                    v4 ? static_cast<void*>(&v4_address->sin_addr) : &addresses[i].sin6_addr);
-        infos[i].ai_family = addresses[i].sin6_family;
+        const bool v6 = entries[i] == "v6";
+        ::inet_pton(AF_INET, v6 ? "10.1.2.3" : entries[i].c_str(), &addresses[i].sin_addr);
+        infos[i].ai_family = v6 ? AF_INET6 : AF_INET;
         infos[i].ai_addr = reinterpret_cast<sockaddr*>(&addresses[i]);
         infos[i].ai_next = i + 1 < entries.size() ? &infos[i + 1] : nullptr;
     }
@@ -268,14 +264,11 @@ TEST(network_status, classifies_lookup_outcomes)
     const struct { int gai_error; strings_t entries; int expected; } rows[] = {
         {EAI_NONAME, {}, ok}, {EAI_NODATA, {}, ok}, {EAI_AGAIN, {}, error},
         {EAI_FAIL, {}, error}, {EAI_SYSTEM, {}, error}, {0, {}, ok},
-        {0, {"v6:::1", "v6:fd00::10"}, ok},
-        {0, {"v4:127.0.0.1", "v4:11.0.0.1", "v4:9.255.255.255", "v4:192.168.10.10"}, ok},
-        {0, {"v6:::1", "v4:127.0.0.1", "v4:10.9.8.7", "v4:172.16.0.1"}, excluded},
-        {0, {"v4:10.0.0.0"}, excluded},
+        {0, {"v6", "v6"}, ok}, {0, {"127.0.0.1", "11.0.0.1", "9.255.255.255", "192.168.10.10"}, ok},
+        {0, {"v6", "127.0.0.1", "10.9.8.7", "172.16.0.1"}, excluded}, {0, {"10.0.0.0"}, excluded},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(classify(row.gai_error, row.entries), row.expected)
-            << row.gai_error << " " << row.entries.size();
+        EXPECT_EQ(classify(row.gai_error, row.entries), row.expected) << &row - rows;
 }
 
 }  // namespace

@@ -23,13 +23,10 @@ std::string escaped(const std::string& text)
     return out;
 }
 
-class e2e : public ::testing::Test {
+class e2e : public ::testing::Test, protected loopback_user_t {
 protected:
-    clean_env_t clean_env;
-    temp_home_t home;
+    scoped_env_t unforced{"NORVEL_FORCE_FEEDBACK", nullptr};  // consent comes from the file
     temp_dir_t data;
-    loopback_collector_t proxy;
-    scoped_env_t proxy_var{"http_proxy", proxy.base_url().c_str()};
     std::unique_ptr<prodenv::fixed_locations_t> locations = std::make_unique<prodenv::fixed_locations_t>();
 
     e2e()
