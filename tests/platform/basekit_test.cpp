@@ -77,6 +77,10 @@ TEST(variant_bag, bad_files_and_bad_places_fail_without_throwing)
         bag.put("stale", variant_t("value"));
         EXPECT_EQ(basekit::parse_variant_bag(bag, row.first, "bag"), row.second) << row.first.substr(0, 60);
         EXPECT_TRUE(bag.get_variant("stale", variant_t()).empty());
+        int depth = 0;  // 64 levels with the root; deeper bags load as empty values
+        for (const variant_bag_t* inner = &bag; !inner->entries().empty() && inner->entries()[0].bag; ++depth)
+            inner = inner->entries()[0].bag.get();
+        EXPECT_EQ(depth, row.second && row.first.size() > 1000 ? 63 : 0);
     }
     const std::string values = "<bag><a type=\"int\">12x</a><b type=\"int\">99999999999</b><c>untyped</c>"
                                "<d type=\"weird\">1</d><e type=\"bool\">yes</e><f type=\"blob\">abc</f>"
