@@ -220,12 +220,16 @@ TEST_F(faults, privileged_host_trusts_only_safe_tools)
     }
 }
 
-// A name too long for the protocol is not queued and costs no later hit; a name with control
-// characters reaches the log escaped and the wire unchanged.
+// A name too long for the protocol (a body over 8192 bytes) is not queued and costs no later
+// hit; a name with control characters reaches the log escaped and the wire unchanged.
 TEST_F(faults, hostile_names_neither_stop_delivery_nor_forge_log_records)
 {
+    statistic_impl_ga_t("trovix", "2016").notify_feature_usage("run.a");
+    ASSERT_EQ(proxy.request_count(), 1u);
+    const std::string longest(8192 - proxy.bodies()[0].size() + 1, 'a');  // as "a" in that body
     const struct { std::string name, logged, sent; } rows[] = {
-        {"run." + std::string(9000, 'a'), "hit not sent: its body of ", ""},
+        {"run." + longest, "feature_name=run.aaa", "&el=" + longest + "&"},
+        {"run." + longest + "a", "hit not sent: its body of 8193 bytes exceeds the protocol's limit of 8192", ""},
         {"run.a\n2026-11-24 forged\x1b[2J",
          "feature_name=run.a\\n2026-11-24 forged\\x1b[2J value=1",
          "&el=a%0A2026-11-24%20forged%1B%5B2J&"},
