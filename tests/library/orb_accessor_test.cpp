@@ -10,8 +10,7 @@ using tool_t = orb_accessor_impl_t::orb_tool_t;
 const tool_t main_tool = orb_accessor_impl_t::tool_main;
 const tool_t consent = orb_accessor_impl_t::tool_consent_check;
 // Where the bridge looks below $HOME, indexed by tool.
-const char* const home_paths[] = {monitor_in_home, "norvel/orb/orb",
-                                  "norvel/orb/bin/ia32/checkOPTINconsent"};
+const char* const home_paths[] = {monitor_in_home, "norvel/orb/orb", "norvel/orb/bin/ia32/checkOPTINconsent"};
 const char* const logger_name = "usemeter.orb_accessor";
 const std::string default_guid = "{00000000-0000-0000-0000-000000000000}";
 const std::string missing = "<no tool>";
