@@ -1,27 +1,13 @@
 // The connector against loopback collectors: what reaches them, the candidate routes and
 // bounded destruction whatever the route does.
-#include <gtest/gtest.h>
-
-#include <functional>
-
-#include "support/loopback_user.hpp"
+#include "library/library_test.hpp"
 #include "usemeter/sys/http_connector.hpp"
 
 namespace {
 
 using usemeter_1_5_7::http_connector_t;
 using namespace usemeter_test;
-using strings_t = std::vector<std::string>;
 using collector_fault_t = std::function<void(loopback_collector_t&)>;
-using namespace std::chrono_literals;
-
-strings_t bodies_of(const loopback_collector_t& collector)
-{
-    strings_t bodies;
-    for (const hit_request_t& r : collector.requests())
-        bodies.push_back(r.body);
-    return bodies;
-}
 
 strings_t numbered_bodies(int count)
 {
@@ -50,11 +36,7 @@ protected:
 // is the stop marker: nothing after it is sent.
 TEST_F(http_connector, the_first_failure_or_the_stop_marker_ends_delivery)
 {
-    const struct {
-        const char* name;
-        collector_fault_t fault;
-        strings_t posted;
-    } cases[] = {
+    const struct { const char* name; collector_fault_t fault; strings_t posted; } cases[] = {
         {"204", [](loopback_collector_t& s) { s.answer(204); }, numbered_bodies(3)},
         {"500", [](loopback_collector_t& s) { s.answer(500); }, numbered_bodies(3)},
         {"reset", [](loopback_collector_t& s) { s.reset_connections(); }, numbered_bodies(3)},
@@ -67,7 +49,7 @@ TEST_F(http_connector, the_first_failure_or_the_stop_marker_ends_delivery)
         ASSERT_TRUE(collector.wait_for_requests(1)) << c.name;
         connector->post("v=1&late");
         connector.reset();
-        EXPECT_EQ(bodies_of(collector), numbered_bodies(1)) << c.name;
+        EXPECT_EQ(collector.bodies(), numbered_bodies(1)) << c.name;
     }
 }
 
@@ -85,8 +67,8 @@ TEST_F(http_connector, tries_both_candidates_once_before_giving_up)
         start(target.url(), numbered_bodies(3));
         connector.reset();
     }
-    EXPECT_EQ(bodies_of(target), strings_t(2, "v=1&n=0"));
-    EXPECT_EQ(bodies_of(proxy), strings_t(2, "v=1&n=0"));
+    EXPECT_EQ(target.bodies(), strings_t(2, "v=1&n=0"));
+    EXPECT_EQ(proxy.bodies(), strings_t(2, "v=1&n=0"));
     EXPECT_EQ(proxy.requests().at(0).target, target.url());
     EXPECT_EQ(upper_case.request_count(), 0u);
 }
@@ -97,11 +79,7 @@ TEST_F(http_connector, tries_both_candidates_once_before_giving_up)
 // explicit candidate goes through the proxy. A refused direct route ends delivery.
 TEST_F(http_connector, moves_to_the_direct_route_when_the_proxy_fails_and_stays)
 {
-    const struct {
-        const char* name;
-        collector_fault_t fail;
-        bool direct_listens;
-    } cases[] = {
+    const struct { const char* name; collector_fault_t fail; bool direct_listens; } cases[] = {
         {"502", [](loopback_collector_t& p) { p.answer(502); }, true},
         {"connection reset", [](loopback_collector_t& p) { p.reset_connections(); }, true},
         {"refused direct", [](loopback_collector_t& p) { p.answer(500); }, false},
@@ -118,7 +96,7 @@ TEST_F(http_connector, moves_to_the_direct_route_when_the_proxy_fails_and_stays)
         c.fail(proxy);
         connector.reset();
         EXPECT_EQ(proxy.request_count(), 1u) << c.name;
-        EXPECT_EQ(bodies_of(direct), c.direct_listens ? numbered_bodies(4) : strings_t()) << c.name;
+        EXPECT_EQ(direct.bodies(), c.direct_listens ? numbered_bodies(4) : strings_t()) << c.name;
     }
 }
 

@@ -1,58 +1,29 @@
 // The bridge to the support tools: their arguments and answers, how a run ends, where a tool
 // is found, and the identifier exchange file.
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <functional>
-#include <optional>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "prodenv/fixed_locations.hpp"
-#include "support/fake_tool.hpp"
-#include "support/temp_home.hpp"
-#include "tracelog/log_capture.hpp"
-#include "usemeter/orb_accessor.hpp"
+#include "library/library_test.hpp"
 
 namespace {
 
 using namespace usemeter_test;
-using tracelog::log_capture_t;
-using usemeter_1_5_7::orb_accessor_impl_t;
 using tool_t = orb_accessor_impl_t::orb_tool_t;
-using strings = std::vector<std::string>;
 
-const tool_t monitor = orb_accessor_impl_t::tool_remote_monitor;
 const tool_t main_tool = orb_accessor_impl_t::tool_main;
 const tool_t consent = orb_accessor_impl_t::tool_consent_check;
 // Where the bridge looks below $HOME, indexed by tool.
-const char* const home_paths[] = {"norvel/orb/bin/ia32/norvelremotemon", "norvel/orb/orb",
-                                  "norvel/orb/bin/ia32/checkOPTINconsent"};
+const char* const home_paths[] = {monitor_in_home, "norvel/orb/orb", "norvel/orb/bin/ia32/checkOPTINconsent"};
 const char* const logger_name = "usemeter.orb_accessor";
 const std::string default_guid = "{00000000-0000-0000-0000-000000000000}";
 const std::string missing = "<no tool>";
 
 std::string exchange_name(int n, const char* ext = ".txt")
-{
-    return "uuid-" + std::to_string(::getpid()) + "-" + std::to_string(n) + ext;
-}
-
-std::string writing_uuid(const std::string& content)
-{
-    return on_argument("-u", "printf %s " + shell_quote(content) + " > \"$2\"");
-}
+{ return "uuid-" + std::to_string(::getpid()) + "-" + std::to_string(n) + ext; }
 
 class bridge_test : public ::testing::Test {
 protected:
     bridge_test() { locations_.temp_dir = tmp_.path(); }
-    void TearDown() override
-    {
-        EXPECT_FALSE(has_children()) << "a tool outlived its call";
-        reap_children();
-    }
     // A system-wide installation would be found before a missing tool or the override.
-    bool system_install() const { return file_exists("/opt/norvel"); }
+    void SetUp() override { if (file_exists("/opt/norvel")) GTEST_SKIP() << "/opt/norvel exists"; }
+    void TearDown() override { EXPECT_FALSE(has_children()) << "a tool outlived its call"; reap_children(); }
 
     clean_env_t env_;
     temp_home_t home_;
@@ -79,13 +50,8 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
     const auto updates = [&] { bridge_.check_for_updates(default_guid); return has_children(); };
     const auto uuid = [&] { return bridge_.get_uuid().empty(); };
     struct row_t {
-        tool_t tool;
-        std::string sh;
-        std::function<bool()> op;
-        bool ok;
-        strings args;
-        const char* switched_off = nullptr;
-        std::string logged = "";
+        tool_t tool; std::string sh; std::function<bool()> op; bool ok; strings_t args;
+        const char* switched_off = nullptr; std::string logged = "";
     };
     const std::string orb_off = "Return 'false' - USEMETER_DISABLE_ORB is set";
     const row_t rows[] = {
@@ -119,16 +85,12 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
         if (row.sh != missing) {
             write_file(sent, "payload");
             tool.emplace(home_ / home_paths[row.tool], row.sh);
-        } else if (system_install()) {
-            continue;
         }
-        std::optional<scoped_env_t> off;
-        if (row.switched_off)
-            off.emplace(row.switched_off, "0");
+        scoped_env_t off(row.switched_off ? row.switched_off : no_orb, row.switched_off ? "0" : "");
         log_capture_t log(logger_name);
         EXPECT_EQ(row.op(), row.ok);
         reap_children();
-        EXPECT_EQ(tool ? tool->args() : strings{}, row.args);
+        EXPECT_EQ(tool ? tool->args() : strings_t{}, row.args);
         EXPECT_TRUE(row.logged.empty() || log.contains_start(row.logged)) << row.logged;
     }
     EXPECT_EQ(count_entries(tmp_.path()), 0) << "an exchange file was left";
@@ -137,8 +99,6 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
 // The exit status or -1; a run is logged with its unquoted command line.
 TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
 {
-    if (system_install())
-        GTEST_SKIP() << "/opt/norvel exists";
     // A caught signal without SA_RESTART breaks the caller's wait with EINTR; the last row's
     // tool keeps sending one for half a second.
     struct sigaction action {}, old_action {};
@@ -161,10 +121,9 @@ TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
         EXPECT_EQ(bridge_.invoke_orb(monitor, {"a b", "c"}, row.sync), row.expected);
         EXPECT_EQ(reap_children().size(), row.sync || !row.body ? 0u : 1u);
         if (row.body && row.mode == 0755) {
-            EXPECT_EQ(tool->args(), (strings{"a b", "c"}));
+            EXPECT_EQ(tool->args(), (strings_t{"a b", "c"}));
             EXPECT_TRUE(log.contains("orb command line='" + tool->path() + " a b c'"));
-            const std::string code = "orb return code=" + std::to_string(row.expected);
-            EXPECT_TRUE(!row.sync || log.contains(code));
+            EXPECT_TRUE(!row.sync || log.contains("orb return code=" + std::to_string(row.expected)));
         }
     }
     EXPECT_EQ(bridge_.invoke_orb(static_cast<tool_t>(3), {}, true), -1);
@@ -173,8 +132,6 @@ TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
 
 TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_quiet_misses)
 {
-    if (system_install())
-        GTEST_SKIP() << "/opt/norvel exists";
     // A miss is an error unless the locations service asks for a quiet lookup.
     for (const int service : {0, 1, 2}) {  // none, a plain one, a quiet one
         prodenv::IProductLocations::set(service ? &locations_ : nullptr);
@@ -189,9 +146,7 @@ TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_qui
     const std::string in_home = home_ / home_paths[monitor];
     const std::string direct = override_dir / "norvelremotemon";
     const struct { bool home_tool, home_set; std::string override_tool, expected; } rows[] = {
-        {true, true, direct, in_home},
-        {false, true, direct, direct},
-        {true, false, direct, direct},
+        {true, true, direct, in_home}, {false, true, direct, direct}, {true, false, direct, direct},
         {false, true, override_dir / "orb/bin/ia32/norvelremotemon", ""},
     };
     for (const auto& row : rows) {
@@ -199,9 +154,7 @@ TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_qui
         if (row.home_tool)
             home_tool.emplace(in_home);
         const fake_tool_t override_tool(row.override_tool);
-        std::optional<scoped_env_t> no_home;
-        if (!row.home_set)
-            no_home.emplace("HOME", nullptr);
+        scoped_env_t home_var("HOME", row.home_set ? home_.path().c_str() : nullptr);
         EXPECT_EQ(bridge_.get_orb_location(monitor).as_string(), row.expected) << row.override_tool;
     }
 }
@@ -211,9 +164,7 @@ TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_qui
 TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
 {
     const std::pair<std::string, std::string> rows[] = {
-        {"0F1E2D3C-4B5A\nsecond line\n", "0F1E2D3C-4B5A"},
-        {"", ""},
-        {"no newline", "no newline"},
+        {"0F1E2D3C-4B5A\nsecond line\n", "0F1E2D3C-4B5A"}, {"", ""}, {"no newline", "no newline"},
         {" kept as written \r\nx", " kept as written \r"},
     };
     for (const auto& row : rows) {
@@ -231,7 +182,7 @@ TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
         write_file(victim, "precious");
         ASSERT_EQ(plant(victim.c_str(), planted.c_str()), 0);
         EXPECT_EQ(bridge_.get_uuid(), "ID");
-        EXPECT_EQ(tool.args(), (strings{"-u", tmp_ / exchange_name(2)}));
+        EXPECT_EQ(tool.args(), (strings_t{"-u", tmp_ / exchange_name(2)}));
         EXPECT_EQ(read_file(victim), "precious");
         EXPECT_EQ(count_entries(tmp_.path()), 1) << "only the planted link is left";
         ::unlink(planted.c_str());
@@ -239,7 +190,7 @@ TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
     for (int n = 1; n <= 18; ++n)
         write_file(tmp_ / exchange_name(n, ".lock"), "");
     EXPECT_EQ(bridge_.get_uuid(), "ID");
-    EXPECT_EQ(tool.args(), (strings{"-u", tmp_ / exchange_name(19)}));
+    EXPECT_EQ(tool.args(), (strings_t{"-u", tmp_ / exchange_name(19)}));
     write_file(tmp_ / exchange_name(19, ".lock"), "");
     EXPECT_EQ(bridge_.get_uuid(), "");
     EXPECT_EQ(count_entries(tmp_.path()), 19) << "only the locks are left";

@@ -1,27 +1,17 @@
 // One feature use end to end: the facade, the flat C entry points and the backend, through the
 // connector to a loopback proxy named by "http_proxy" (both routes of the connector end there).
 // The feature-name grammar the facade offers hosts.
-#include <gtest/gtest.h>
-
-#include <memory>
-
 #include <curl/curl.h>
 
 #include <boost/filesystem/operations.hpp>
 #include <boost/weak_ptr.hpp>
 
-#include "prodenv/fixed_locations.hpp"
-#include "support/loopback_user.hpp"
-#include "tracelog/log_capture.hpp"
-#include "usemeter/statistic.hpp"
+#include "library/library_test.hpp"
 #include "usemeter/sys/host_facts.hpp"
-#include "usemeter/sys/statistic_impl_ga.hpp"
 #include "usemeter/usemeter.h"
 
 using namespace usemeter_test;
-using usemeter_1_5_7::statistic_impl_ga_t;
 using usemeter_1_5_7::statistic_t;
-using strings_t = std::vector<std::string>;
 
 namespace {
 
@@ -33,15 +23,10 @@ std::string escaped(const std::string& text)
     return out;
 }
 
-bool has(const std::string& body, const std::string& part) { return body.find(part) != body.npos; }
-
-class e2e : public ::testing::Test {
+class e2e : public ::testing::Test, protected loopback_user_t {
 protected:
-    clean_env_t clean_env;
-    temp_home_t home;
+    scoped_env_t unforced{"NORVEL_FORCE_FEEDBACK", nullptr};  // consent comes from the file
     temp_dir_t data;
-    loopback_collector_t proxy;
-    scoped_env_t proxy_var{"http_proxy", proxy.base_url().c_str()};
     std::unique_ptr<prodenv::fixed_locations_t> locations = std::make_unique<prodenv::fixed_locations_t>();
 
     e2e()
@@ -50,56 +35,25 @@ protected:
         make_dirs(data / "statistic");
         boost::filesystem::copy_file(USEMETER_TEST_SOURCE_DIR "/data/enabled_stat_events.xml",
                                      data / "statistic/enabled_stat_events.xml");
-        make_dirs(home / "norvel");
+        make_dirs(home / "norvel/trovix/settings/statistic");
         write_file(home / "norvel/optin", "1");
     }
 
     strings_t bodies() const
     {
-        strings_t out;
         for (const hit_request_t& request : proxy.requests()) {
             EXPECT_EQ(request.method + " " + request.target, "POST http://www.google-analytics.com/collect");
             EXPECT_EQ(request.header("Content-Type"), "application/x-www-form-urlencoded");
-            out.push_back(request.body);
         }
-        return out;
-    }
-
-    // Reports the names on a fresh backend, every other one with a value that must never reach
-    // the wire, and returns the bodies the proxy received once the backend is gone (its
-    // destruction waits for every queued hit).
-    strings_t run(const strings_t& names, std::string* prefix = nullptr,
-                  const std::string& product = "trovix", const std::string& version = "2016")
-    {
-        {
-            statistic_impl_ga_t backend(product, version);
-            if (prefix)
-                *prefix = "v=1&tid=UA-12345678-42&cid=" + backend.get_uuid() + "&an=" + escaped(product) +
-                          "&av=" + version + "&cd1=posix&cd2=" + escaped(usemeter_1_5_7::get_os_name());
-            for (std::size_t i = 0; i < names.size(); ++i)
-                i % 2 ? backend.notify_feature_usage_ex(names[i], 123456789ull)
-                      : backend.notify_feature_usage(names[i]);
-        }
-        return bodies();
+        return proxy.bodies();
     }
 };
 
-// In reporting order; the value is never part of a hit, the version goes raw. Four recent days
-// of use on record mark the user active.
+// In reporting order; every other name carries a value that never reaches the wire; the version
+// goes raw. Four recent days of use on record mark the user active.
 TEST_F(e2e, each_name_becomes_the_predicted_hit_or_nothing)
 {
-    std::string items;
-    for (int back = 4; back >= 1; --back) {
-        const std::time_t when = std::time(nullptr) - back * 86400;
-        std::tm d;
-        ::localtime_r(&when, &d);
-        items += "<item type=\"bag\"><Y type=\"int\">" + std::to_string(d.tm_year + 1900) +
-                 "</Y><M type=\"int\">" + std::to_string(d.tm_mon + 1) + "</M><D type=\"int\">" +
-                 std::to_string(d.tm_mday) + "</D></item>";
-    }
-    const std::string dir = home / "norvel/trovix/settings/statistic";  // the service names it
-    make_dirs(dir);
-    write_file(dir + "/last_active_dates.xml", "<bag>" + items + "</bag>");
+    write_file(home / history_in_home, history_xml({day(-4), day(-3), day(-2), day(-1)}));
     const std::pair<const char*, const char*> cases[] = {  // name, event fields or dropped
         {"a.b.c", "ec=a.b&el=c"}, {"a.x.y", "ec=a&el=x.y"}, {"a", "ec=a"}, {"ab", nullptr},
         {"a.", "ec=a"}, {"run.foo", "ec=run&el=foo"}, {"run.foo.bar", nullptr}, {"run.", "ec=run"},
@@ -107,30 +61,25 @@ TEST_F(e2e, each_name_becomes_the_predicted_hit_or_nothing)
         {"analysis_type.caf\xc3\xa9", "ec=analysis_type&el=caf%C3%A9"}, {"", nullptr},
         {"scanner", nullptr},
     };
-    strings_t names, tails;
-    for (const auto& c : cases) {
-        names.push_back(c.first);
-        if (c.second)
-            tails.push_back(std::string("&t=event&") + c.second + "&cd3=y");
-    }
+    const std::string product = "trovix & co", version = "2016 Update 1&x=y";
     std::string prefix;
-    const strings_t sent = run(names, &prefix, "trovix & co", "2016 Update 1&x=y");
-    ASSERT_EQ(sent.size(), tails.size());
-    for (std::size_t i = 0; i < sent.size(); ++i)
-        EXPECT_EQ(sent[i], prefix + tails[i]);
+    {
+        statistic_impl_ga_t backend(product, version);
+        prefix = "v=1&tid=UA-12345678-42&cid=" + backend.get_uuid() + "&an=" + escaped(product) + "&av=" +
+                 version + "&cd1=posix&cd2=" + escaped(usemeter_1_5_7::get_os_name());
+        for (const auto& c : cases)
+            (&c - cases) % 2 ? backend.notify_feature_usage_ex(c.first, 123456789ull)
+                           : backend.notify_feature_usage(c.first);
+    }  // destruction waits for every queued hit
+    strings_t expected;
+    for (const auto& c : cases)
+        if (c.second)
+            expected.push_back(prefix + "&t=event&" + c.second + "&cd3=y");
+    EXPECT_EQ(bodies(), expected);
 }
 
-// Disabled collection sends nothing, but activity is still recorded and the call logged.
-TEST_F(e2e, disabled_collection_sends_nothing_but_records_the_day)
-{
-    scoped_env_t disable("NORVEL_STATISTICS_DISABLE", "0");
-    tracelog::log_capture_t log("usemeter.statistic");
-    EXPECT_TRUE(run({"gui.start", "run.x"}).empty());
-    EXPECT_TRUE(log.contains("feature_name=gui.start value=1"));
-    EXPECT_TRUE(file_exists(home / "norvel/trovix/settings/statistic/last_active_dates.xml"));
-}
-
-// The operations without a wire form send nothing.
+// The operations without a wire form send nothing. Disabled collection sends nothing, but
+// activity is still recorded and the call logged.
 TEST_F(e2e, consent_given_at_run_time_takes_effect_at_once)
 {
     boost::filesystem::remove(home / "norvel/optin");
@@ -153,6 +102,14 @@ TEST_F(e2e, consent_given_at_run_time_takes_effect_at_once)
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_TRUE(has(sent[0], "&el=after&cd3=n"));
     EXPECT_EQ(read_file(home / "norvel/optin"), "0");
+    scoped_env_t disable("NORVEL_STATISTICS_DISABLE", "0");
+    log_capture_t log("usemeter.statistic");
+    boost::filesystem::remove(home / history_in_home);
+    write_file(home / "norvel/optin", "1");
+    statistic_impl_ga_t("trovix", "2016").notify_feature_usage("gui.start");
+    EXPECT_EQ(proxy.request_count(), 1u);
+    EXPECT_TRUE(log.contains("feature_name=gui.start value=1"));
+    EXPECT_TRUE(file_exists(home / history_in_home));
 }
 
 // One process-wide instance while held, versioned by the service; a guard reports entry at once

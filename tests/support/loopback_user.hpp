@@ -33,6 +33,13 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return requests_;
     }
+    std::vector<std::string> bodies() const
+    {
+        std::vector<std::string> out;
+        for (const hit_request_t& request : requests())
+            out.push_back(request.body);
+        return out;
+    }
     std::size_t request_count() const { return hit_requests(); }
     bool wait_for_requests(std::size_t n) const
     {
