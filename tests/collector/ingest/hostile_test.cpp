@@ -13,8 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "collector/collector.hpp"
-#include "collector/reports/report_page.hpp"
+#include "support/collector_fixture.hpp"
 #include "support/temp_home.hpp"
 
 namespace {
@@ -89,27 +88,17 @@ long peak_resident_kb()
 
 std::string tool(const std::string& arguments)
 {
-    std::string out;
-    FILE* pipe = ::popen((std::string(USEMETER_TOOL) + " " + arguments + " 2>&1").c_str(), "r");
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        out.append(buffer, n);
-    return ::pclose(pipe) == 0 ? out : "failed: " + out;
+    const auto run = usemeter_test::run_command(std::string(USEMETER_TOOL) + " " + arguments + " 2>&1");
+    return run.status == 0 ? run.out : "failed: " + run.out;
 }
 
 class hostile_test : public ::testing::Test {
 protected:
     void start(const std::string& token = "")
     {
-        uc::collector_options_t options;
-        options.listen = "127.0.0.1:0";
-        options.store = store;
-        options.report_token = token;
-        options.access_log.path = home / "access.log";
-        auto routes = std::make_shared<uc::report_routes_t>(store, token);
-        options.mount = [routes](uc::http_server_t& server) { routes->mount(server); };
-        collector = std::make_unique<uc::collector_t>(options);
-        ASSERT_TRUE(collector->start());
+        collector = usemeter_test::start_report_collector(
+            store, token, [&](uc::collector_options_t& options) { options.access_log.path = home / "access.log"; });
+        ASSERT_TRUE(collector);
     }
 
     usemeter_test::temp_home_t home;
@@ -259,14 +248,10 @@ TEST_F(hostile_test, reports_and_rejections_need_loopback_by_name_or_the_token)
     EXPECT_NE(log.find("Z 200 0 /report/report.css\n"), std::string::npos) << log;
     EXPECT_EQ(log.find("127.0.0.1"), std::string::npos);
     // Addresses only when asked for.
-    uc::collector_options_t options;
-    options.listen = "127.0.0.1:0";
-    options.store = store;
-    options.access_log = {home / "addresses.log", true};
-    uc::collector_t asked(options);
-    ASSERT_TRUE(asked.start());
-    exchange(asked.port(), get("/healthz"));
-    asked.stop();
+    auto asked = usemeter_test::start_report_collector(
+        store, "", [&](uc::collector_options_t& options) { options.access_log = {home / "addresses.log", true}; });
+    exchange(asked->port(), get("/healthz"));
+    asked->stop();
     EXPECT_NE(usemeter_test::read_file(home / "addresses.log").find("Z 127.0.0.1 200 0 /healthz\n"), std::string::npos);
     for (const char* peer : {"127.0.0.1", "127.9.8.7", "::1", "::ffff:127.0.0.2"})
         EXPECT_TRUE(uc::is_loopback_address(peer)) << peer;

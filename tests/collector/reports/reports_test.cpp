@@ -11,10 +11,9 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
-#include "collector/collector.hpp"
 #include "collector/reports/generator.hpp"
-#include "collector/reports/report_page.hpp"
 #include "collector/reports/reports.hpp"
+#include "support/collector_fixture.hpp"
 #include "support/temp_home.hpp"
 
 namespace {
@@ -23,26 +22,11 @@ namespace uc = usemeter_collector;
 using json = nlohmann::json;
 using usemeter_test::temp_home_t;
 
-struct run_t {
-    int status;
-    std::string out;
-};
+using usemeter_test::run_command;
 
-// A shell command line's exit status and standard output.
-run_t run(const std::string& command)
+usemeter_test::command_result_t run_tool(const std::string& arguments)
 {
-    FILE* pipe = ::popen(command.c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        out.append(buffer, n);
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
-
-run_t run_tool(const std::string& arguments)
-{
-    return run(std::string(USEMETER_TOOL) + " " + arguments + " 2>/dev/null");
+    return run_command(std::string(USEMETER_TOOL) + " " + arguments + " 2>/dev/null");
 }
 
 class reports_test : public ::testing::Test {
@@ -61,15 +45,8 @@ protected:
     // endpoint; the collector starts on first use.
     std::string endpoint_answer(const std::string& arguments)
     {
-        if (!serving_) {
-            uc::collector_options_t options;
-            options.listen = "127.0.0.1:0";
-            options.store = store_uri();
-            auto routes = std::make_shared<uc::report_routes_t>(store_uri(), "");
-            options.mount = [routes](auto& server) { routes->mount(server); };
-            serving_ = std::make_unique<uc::collector_t>(options);
-            EXPECT_TRUE(serving_->start());
-        }
+        if (!serving_)
+            serving_ = usemeter_test::start_report_collector(store_uri());
         std::istringstream words(arguments);
         std::string path;
         words >> path;
@@ -149,13 +126,8 @@ protected:
         auto store = uc::open_store(store_uri(), uc::durability_t::normal, error);
         std::int64_t hits = 0;
         ASSERT_TRUE(uc::generate_hits(generator, *store, hits));
-        uc::collector_options_t options;
-        options.listen = "127.0.0.1:0";
-        options.store = store_uri();
-        auto routes = std::make_shared<uc::report_routes_t>(store_uri(), "");
-        options.mount = [routes](uc::http_server_t& server) { routes->mount(server); };
-        collector_ = std::make_unique<uc::collector_t>(options);
-        ASSERT_TRUE(collector_->start());
+        collector_ = usemeter_test::start_report_collector(store_uri());
+        ASSERT_TRUE(collector_);
     }
 
     httplib::Result get(const std::string& path)
@@ -177,7 +149,7 @@ TEST_F(served_reports_test, command_line_and_endpoints_agree)
             auto answer = get(std::string("/api/stats/") + kind + "?" + query);
             ASSERT_TRUE(answer);
             EXPECT_EQ(answer->status, 200);
-            const run_t command =
+            const auto command =
                 run_tool(std::string("stats ") + kind + arguments + " --format json --store " + store_uri());
             EXPECT_EQ(json::parse(command.out), json::parse(answer->body)) << kind << " " << query;
         }
@@ -193,12 +165,12 @@ std::string page_dom(const std::string& dir, const std::string& url, std::string
 {
     static int profiles = 0;
     const std::string log = dir + "/chromium.log";
-    const run_t page = run("timeout -s KILL 90 /usr/bin/chromium --headless --no-sandbox --disable-gpu"
+    const auto page = run_command("timeout -s KILL 90 /usr/bin/chromium --headless --no-sandbox --disable-gpu"
                            " --disable-background-networking --disable-component-update --disable-sync"
                            " --no-first-run --no-proxy-server --enable-logging=stderr --v=0"
                            " --virtual-time-budget=10000 --dump-dom --user-data-dir=" + dir + "/chromium-" +
                            std::to_string(++profiles) + " '" + url + "' 2>" + log);
-    console = run("grep :CONSOLE " + log).out;
+    console = run_command("grep :CONSOLE " + log).out;
     return page.out;
 }
 
