@@ -44,29 +44,31 @@ private:
 };
 
 // Client ids numbered densely from 0 in the order first seen. The reports look up every row
-// they read, so the slots (hash and number side by side, open addressing) keep a lookup to
-// one probe of one array and one comparison of the text.
+// they read, so a lookup touches one slot (open addressing) and the id's text, kept back to
+// back with the others.
 class client_numbers_t {
 public:
     std::size_t number_of(const std::string& cid)
     {
-        if (2 * (texts_.size() + 1) > slots_.size())
+        if (2 * (count_ + 1) > slots_.size())
             grow();
         const std::size_t hash = std::hash<std::string>{}(cid);
         std::size_t at = hash & mask();
-        for (; slots_[at].number != empty; at = (at + 1) & mask())
-            if (slots_[at].hash == hash && texts_[slots_[at].number] == cid)
-                return slots_[at].number;
-        slots_[at] = {hash, texts_.size()};
-        texts_.push_back(cid);
-        return slots_[at].number;
+        for (; slots_[at].number != empty; at = (at + 1) & mask()) {
+            const slot_t& slot = slots_[at];
+            if (slot.hash == hash && slot.length == cid.size() && texts_.compare(slot.start, slot.length, cid) == 0)
+                return slot.number;
+        }
+        slots_[at] = {hash, count_, texts_.size(), cid.size()};
+        texts_ += cid;
+        return count_++;
     }
-    std::size_t count() const { return texts_.size(); }
+    std::size_t count() const { return count_; }
 
 private:
     static constexpr std::size_t empty = SIZE_MAX;
     struct slot_t {
-        std::size_t hash = 0, number = empty;
+        std::size_t hash = 0, number = empty, start = 0, length = 0;  // the text in texts_
     };
 
     std::size_t mask() const { return slots_.size() - 1; }
@@ -85,7 +87,8 @@ private:
     }
 
     std::vector<slot_t> slots_;  // a power of two, at most half full
-    std::vector<std::string> texts_;
+    std::string texts_;
+    std::size_t count_ = 0;
 };
 
 struct day_users_t {
