@@ -56,7 +56,7 @@ public:
         std::size_t at = hash & mask();
         for (; slots_[at].number != empty; at = (at + 1) & mask()) {
             const slot_t& slot = slots_[at];
-            if (slot.hash == hash && slot.length == cid.size() && texts_.compare(slot.start, slot.length, cid) == 0)
+            if (slot.hash == hash && texts_.compare(slot.start, slot.length, cid) == 0)
                 return slot.number;
         }
         slots_[at] = {hash, count_, texts_.size(), cid.size()};
@@ -74,7 +74,7 @@ private:
     std::size_t mask() const { return slots_.size() - 1; }
     void grow()
     {
-        std::vector<slot_t> old(std::max<std::size_t>(1024, 2 * slots_.size()));
+        std::vector<slot_t> old(std::max<std::size_t>(16, 2 * slots_.size()));
         old.swap(slots_);
         for (const slot_t& slot : old) {
             if (slot.number == empty)
@@ -102,11 +102,10 @@ double share(std::int64_t part, std::int64_t whole)
                                           static_cast<double>(whole)) / 10000.0;
 }
 
-// What the days settled so far know of each id (by id): the last day it was seen on, and
-// whether a row of that day carried cd3=y.
+// The days settled so far, by id: the last day the id was seen on, and the last day one of
+// its rows carried cd3=y.
 struct id_marks_t {
-    std::vector<std::int64_t> last_day;
-    std::vector<char> active;
+    std::vector<std::int64_t> seen_on, active_on;
 };
 
 // Each day's client ids once, with how many had cd3=y and how many were new that day; the
@@ -116,16 +115,16 @@ void settle_day(const std::vector<std::pair<std::size_t, bool>>& seen,
                 day_users_t& users)
 {
     for (const auto& [id, active] : seen) {
-        if (marks.last_day[id] != offset) {
-            marks.last_day[id] = offset;
-            marks.active[id] = 0;
+        if (marks.seen_on[id] != offset) {
+            marks.seen_on[id] = offset;
             users.ids.push_back(id);
             users.fresh += first_of_id[id] == offset ? 1 : 0;
         }
-        marks.active[id] |= active ? 1 : 0;
+        if (active)
+            marks.active_on[id] = offset;
     }
     for (std::size_t id : users.ids)
-        users.active += marks.active[id];
+        users.active += marks.active_on[id] == offset ? 1 : 0;
 }
 
 // The user-days of since-29..until, each client id numbered once, with each day's new users.
@@ -162,7 +161,7 @@ outcome_t collect_user_days(report_source_t& source, const report_query_t& query
     if (!read)
         return read;
     days.assign(length, {});
-    id_marks_t marks{std::vector<std::int64_t>(first_of_id.size(), -1), std::vector<char>(first_of_id.size(), 0)};
+    id_marks_t marks{std::vector<std::int64_t>(first_of_id.size(), -1), std::vector<std::int64_t>(first_of_id.size(), -1)};
     for (std::size_t offset = 0; offset < length; ++offset)
         settle_day(seen[offset], first_of_id, static_cast<std::int64_t>(offset), marks, days[offset]);
     return {};
