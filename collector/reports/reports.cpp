@@ -161,7 +161,8 @@ outcome_t collect_user_days(report_source_t& source, const report_query_t& query
     if (!read)
         return read;
     days.assign(length, {});
-    id_marks_t marks{std::vector<std::int64_t>(first_of_id.size(), -1), std::vector<std::int64_t>(first_of_id.size(), -1)};
+    const std::vector<std::int64_t> never(first_of_id.size(), -1);
+    id_marks_t marks{never, never};
     for (std::size_t offset = 0; offset < length; ++offset)
         settle_day(seen[offset], first_of_id, static_cast<std::int64_t>(offset), marks, days[offset]);
     return {};

@@ -77,7 +77,8 @@ const std::string& statement_t::text(int column, std::string& buffer) const
     if (!bytes)
         buffer.clear();
     else
-        buffer.assign(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)));
+        buffer.assign(reinterpret_cast<const char*>(bytes),
+                      static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)));
     return buffer;
 }
 
