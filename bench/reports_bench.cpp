@@ -8,7 +8,8 @@
 //   client id's first hit in the whole store, the distinct weeks it came back).
 //
 // The generated store is kept in the build tree (report-bench-USERS.db) because generating
-// it takes minutes; USEMETER_BENCH_REPORT_USERS sets its size (default 2000 users, 90 days).
+// it takes minutes; USEMETER_BENCH_REPORT_USERS sets its size (default 25000 users over 90
+// days, about 10 M hits: the size the targets hold at).
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -129,7 +130,7 @@ bool prepare_store(const std::string& directory)
 {
     const char* users_text = std::getenv("USEMETER_BENCH_REPORT_USERS");
     uc::generator_options_t generator;
-    generator.users = users_text ? std::atoll(users_text) : 2000;
+    generator.users = users_text ? std::atoll(users_text) : 25000;
     generator.days = 90;
     generator.until = last_day;
     generator.batch = 5000;

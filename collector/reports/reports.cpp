@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdint>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
@@ -42,6 +43,54 @@ private:
     std::int64_t distinct_ = 0;
 };
 
+// Client ids numbered densely from 0 in the order first seen. The reports look up every row
+// they read, so a lookup touches one slot (open addressing) and the id's text, kept back to
+// back with the others.
+class client_numbers_t {
+public:
+    std::size_t number_of(const std::string& cid)
+    {
+        if (2 * (count_ + 1) > slots_.size())
+            grow();
+        const std::size_t hash = std::hash<std::string>{}(cid);
+        std::size_t at = hash & mask();
+        for (; slots_[at].number != empty; at = (at + 1) & mask()) {
+            const slot_t& slot = slots_[at];
+            if (slot.hash == hash && texts_.compare(slot.start, slot.length, cid) == 0)
+                return slot.number;
+        }
+        slots_[at] = {hash, count_, texts_.size(), cid.size()};
+        texts_ += cid;
+        return count_++;
+    }
+    std::size_t count() const { return count_; }
+
+private:
+    static constexpr std::size_t empty = SIZE_MAX;
+    struct slot_t {
+        std::size_t hash = 0, number = empty, start = 0, length = 0;  // the text in texts_
+    };
+
+    std::size_t mask() const { return slots_.size() - 1; }
+    void grow()
+    {
+        std::vector<slot_t> old(std::max<std::size_t>(16, 2 * slots_.size()));
+        old.swap(slots_);
+        for (const slot_t& slot : old) {
+            if (slot.number == empty)
+                continue;
+            std::size_t at = slot.hash & mask();
+            while (slots_[at].number != empty)
+                at = (at + 1) & mask();
+            slots_[at] = slot;
+        }
+    }
+
+    std::vector<slot_t> slots_;  // a power of two, at most half full
+    std::string texts_;
+    std::size_t count_ = 0;
+};
+
 struct day_users_t {
     std::vector<std::size_t> ids;
     std::int64_t active = 0, fresh = 0;
@@ -53,19 +102,29 @@ double share(std::int64_t part, std::int64_t whole)
                                           static_cast<double>(whole)) / 10000.0;
 }
 
-// Each day's client ids once, with how many had cd3=y and how many were new that day.
-void settle_day(std::vector<std::pair<std::size_t, bool>>& seen,
-                const std::vector<std::int64_t>& first_of_id, std::int64_t offset, day_users_t& users)
+// The days settled so far, by id: the last day the id was seen on, and the last day one of
+// its rows carried cd3=y.
+struct id_marks_t {
+    std::vector<std::int64_t> seen_on, active_on;
+};
+
+// Each day's client ids once, with how many had cd3=y and how many were new that day; the
+// marks find an id's earlier rows of the day without sorting them.
+void settle_day(const std::vector<std::pair<std::size_t, bool>>& seen,
+                const std::vector<std::int64_t>& first_of_id, std::int64_t offset, id_marks_t& marks,
+                day_users_t& users)
 {
-    std::sort(seen.begin(), seen.end());
-    for (std::size_t i = 0; i < seen.size(); ++i) {
-        const bool last_of_id = i + 1 == seen.size() || seen[i + 1].first != seen[i].first;
-        if (!last_of_id)
-            continue;  // sorted, so the last row of an id is active if any is
-        users.ids.push_back(seen[i].first);
-        users.active += seen[i].second ? 1 : 0;
-        users.fresh += first_of_id[seen[i].first] == offset ? 1 : 0;
+    for (const auto& [id, active] : seen) {
+        if (marks.seen_on[id] != offset) {
+            marks.seen_on[id] = offset;
+            users.ids.push_back(id);
+            users.fresh += first_of_id[id] == offset ? 1 : 0;
+        }
+        if (active)
+            marks.active_on[id] = offset;
     }
+    for (std::size_t id : users.ids)
+        users.active += marks.active_on[id] == offset ? 1 : 0;
 }
 
 // The user-days of since-29..until, each client id numbered once, with each day's new users.
@@ -76,54 +135,84 @@ outcome_t collect_user_days(report_source_t& source, const report_query_t& query
     std::vector<std::pair<std::string, std::string>> firsts;
     if (outcome_t found = source.first_days(query, firsts); !found)
         return found;
-    std::unordered_map<std::string, std::size_t> ids;
+    client_numbers_t ids;
     std::vector<std::int64_t> first_of_id;  // by id; -1: before the range
     auto id_of = [&](const std::string& cid) {
-        const auto found = ids.find(cid);  // before emplace, which allocates even for a known id
-        if (found != ids.end())
-            return found->second;
-        first_of_id.push_back(-1);
-        return ids.emplace(cid, ids.size()).first->second;
+        const std::size_t id = ids.number_of(cid);
+        if (id == first_of_id.size())
+            first_of_id.push_back(-1);
+        return id;
     };
     for (const auto& [cid, day] : firsts)
         first_of_id[id_of(cid)] = day_number(day) - first;
     const auto length = static_cast<std::size_t>(day_number(query.until) - first + 1);
     std::vector<std::vector<std::pair<std::size_t, bool>>> seen(length);
+    std::string day_before;  // rows come mostly day by day: each day's text read once
+    std::int64_t offset = -1;
     outcome_t read = source.user_days(query, day_text(first), query.until,
                                       [&](const std::string& day, const std::string& cid, bool active) {
-        const std::int64_t offset = day_number(day) - first;
+        if (day != day_before) {
+            day_before = day;
+            offset = day_number(day) - first;
+        }
         if (offset >= 0 && offset < static_cast<std::int64_t>(length))
             seen[static_cast<std::size_t>(offset)].emplace_back(id_of(cid), active);
     });
     if (!read)
         return read;
     days.assign(length, {});
+    const std::vector<std::int64_t> never(first_of_id.size(), -1);
+    id_marks_t marks{never, never};
     for (std::size_t offset = 0; offset < length; ++offset)
-        settle_day(seen[offset], first_of_id, static_cast<std::int64_t>(offset), days[offset]);
+        settle_day(seen[offset], first_of_id, static_cast<std::int64_t>(offset), marks, days[offset]);
     return {};
 }
 
-// Hits and distinct client ids per category (label none) and per category and label.
+// Hits and the ids behind them, which may repeat.
+struct tally_t {
+    std::int64_t hits = 0;
+    std::vector<std::size_t> ids;
+};
+
+// A tally's ids counted once each: marks (by id) holds the number of the tally that last
+// counted the id, so one array serves every tally in turn.
+std::int64_t distinct_ids(const tally_t& tally, std::size_t tally_number, std::vector<std::size_t>& marks)
+{
+    std::int64_t distinct = 0;
+    for (std::size_t id : tally.ids)
+        if (marks[id] != tally_number) {
+            marks[id] = tally_number;
+            ++distinct;
+        }
+    return distinct;
+}
+
+// Hits and distinct client ids per category (label none) and per category and label. Rows
+// come in runs of one category and label, so the tallies are looked up once a run.
 outcome_t count_features(report_source_t& source, const report_query_t& query,
                          std::vector<feature_row_t>& rows)
 {
-    struct tally_t {
-        std::int64_t hits = 0;
-        std::unordered_set<std::size_t> users;
-    };
     std::map<std::pair<std::string, std::optional<std::string>>, tally_t> tallies;
-    std::unordered_map<std::string, std::size_t> ids;
+    client_numbers_t ids;
+    std::string category_before, label_before;
+    tally_t *category_tally = nullptr, *label_tally = nullptr;
     outcome_t read = source.feature_uses(query, [&](const std::string& category, const std::string& label,
                                                     const std::string& cid, std::int64_t hits) {
-        const auto found = ids.find(cid);
-        const std::size_t id = found != ids.end() ? found->second : ids.emplace(cid, ids.size()).first->second;
-        for (tally_t* tally : {&tallies[{category, std::nullopt}], &tallies[{category, label}]}) {
+        const std::size_t id = ids.number_of(cid);
+        if (!category_tally || category != category_before || label != label_before) {
+            category_before = category;
+            label_before = label;
+            category_tally = &tallies[{category, std::nullopt}];
+            label_tally = &tallies[{category, label}];
+        }
+        for (tally_t* tally : {category_tally, label_tally}) {
             tally->hits += hits;
-            tally->users.insert(id);
+            tally->ids.push_back(id);
         }
     });
+    std::vector<std::size_t> marks(ids.count(), 0);
     for (const auto& [key, tally] : tallies)
-        rows.push_back({key.first, key.second, tally.hits, static_cast<std::int64_t>(tally.users.size())});
+        rows.push_back({key.first, key.second, tally.hits, distinct_ids(tally, rows.size() + 1, marks)});
     return read;
 }
 

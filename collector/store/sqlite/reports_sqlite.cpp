@@ -28,8 +28,10 @@ const std::string first_days_sql =
     "SELECT cid, min(day) AS first FROM first_seen %P GROUP BY cid"
     " HAVING first BETWEEN :first AND :last";
 const std::string features_sql = "SELECT ec, el, cid, hits FROM feature_days WHERE%F";
+// Grouped in the key's order (a row per version too), so SQLite sums as it reads instead of
+// sorting the range first.
 const std::string category_days_sql =
-    "SELECT day, ec, sum(hits) FROM feature_days WHERE%F GROUP BY day, ec";
+    "SELECT day, ec, sum(hits) FROM feature_days WHERE%F GROUP BY an, day, av, ec";
 const std::string versions_sql =
     "SELECT day, av, count(DISTINCT cid) FROM user_days WHERE%F GROUP BY day, av";
 const std::string version_categories_sql = "SELECT DISTINCT av, ec, cid FROM feature_days WHERE%F";
@@ -54,8 +56,10 @@ public:
     outcome_t user_days(const report_query_t& query, const std::string& first,
                         const std::string& last, const user_day_sink_t& sink) override
     {
-        return ask(user_days_sql, query, first, last,
-                   [&](const statement_t& row) { sink(row.text(0), row.text(1), row.number(2) != 0); });
+        std::string day, cid;
+        return ask(user_days_sql, query, first, last, [&](const statement_t& row) {
+            sink(row.text(0, day), row.text(1, cid), row.number(2) != 0);
+        });
     }
 
     outcome_t first_days(const report_query_t& query,
@@ -67,15 +71,18 @@ public:
 
     outcome_t feature_uses(const report_query_t& query, const feature_sink_t& sink) override
     {
+        std::string category, label, cid;
         return ask(features_sql, query, query.since, query.until, [&](const statement_t& row) {
-            sink(row.text(0), row.text(1), row.text(2), row.number(3));
+            sink(row.text(0, category), row.text(1, label), row.text(2, cid), row.number(3));
         });
     }
 
     outcome_t category_days(const report_query_t& query, const category_day_sink_t& sink) override
     {
-        return ask(category_days_sql, query, query.since, query.until,
-                   [&](const statement_t& row) { sink(row.text(0), row.text(1), row.number(2)); });
+        std::string day, category;
+        return ask(category_days_sql, query, query.since, query.until, [&](const statement_t& row) {
+            sink(row.text(0, day), row.text(1, category), row.number(2));
+        });
     }
 
     outcome_t versions(const report_query_t& query, std::vector<version_row_t>& rows) override
@@ -87,8 +94,10 @@ public:
 
     outcome_t version_categories(const report_query_t& query, const version_category_sink_t& sink) override
     {
-        return ask(version_categories_sql, query, query.since, query.until,
-                   [&](const statement_t& row) { sink(row.text(0), row.text(1), row.text(2)); });
+        std::string version, category, cid;
+        return ask(version_categories_sql, query, query.since, query.until, [&](const statement_t& row) {
+            sink(row.text(0, version), row.text(1, category), row.text(2, cid));
+        });
     }
 
     outcome_t systems(const report_query_t& query, std::vector<system_row_t>& rows) override

@@ -66,10 +66,20 @@ bool statement_t::run()
 
 std::string statement_t::text(int column) const
 {
+    std::string text;
+    this->text(column, text);
+    return text;
+}
+
+const std::string& statement_t::text(int column, std::string& buffer) const
+{
     const auto* bytes = sqlite3_column_text(stmt_, column);
-    return bytes ? std::string(reinterpret_cast<const char*>(bytes),
-                               static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
-                 : std::string();
+    if (!bytes)
+        buffer.clear();
+    else
+        buffer.assign(reinterpret_cast<const char*>(bytes),
+                      static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)));
+    return buffer;
 }
 
 }  // namespace usemeter_collector

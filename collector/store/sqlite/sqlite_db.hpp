@@ -56,6 +56,8 @@ public:
         return rc == SQLITE_DONE;
     }
     std::string text(int column) const;
+    // The same text into a buffer the caller keeps, so that a long scan allocates only once.
+    const std::string& text(int column, std::string& buffer) const;
     std::int64_t number(int column) const { return sqlite3_column_int64(stmt_, column); }
 
 private:
