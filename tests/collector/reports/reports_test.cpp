@@ -69,7 +69,8 @@ uc::hit_t hit(const std::string& day, const std::string& cid, const std::string&
 }
 
 // A: seen first on 03-01 (week of 02-23), back only in the second week after, upgrades from
-// 1.9 to 1.10, where the users' categories differ. B: weekly but not daily on 03-13.
+// 1.9 to 1.10, where the users' categories differ. B: weekly but not daily on 03-13, on 03-12
+// with two versions and systems (one user that day, in both versions and both systems).
 // G: monthly but not weekly on 03-10. 03-12: one user in three with cd3=y. F, H: another product,
 // where more users view than run.
 const std::vector<uc::hit_t> known_hits = {
@@ -82,6 +83,7 @@ const std::vector<uc::hit_t> known_hits = {
     hit("2026-03-11", "F", "9", "Debian 12", "n", "view", "graph", "other"),
     hit("2026-03-11", "H", "9", "Debian 12", "n", "view", "graph", "other"),
     hit("2026-03-12", "B", "1.9", "Debian 12", "n", "run", "analyze"),
+    hit("2026-03-12", "B", "1.10", "Fedora 40", "n", "run", "analyze"),
     hit("2026-03-12", "D", "1.10", "Fedora 40", "y", "view", "graph"),
     hit("2026-03-12", "E", "1.9", "Debian 12", "n", "run", "collect"),
     hit("2026-03-14", "C", "1.10", "Fedora 40", "n", "import", "csv"),
