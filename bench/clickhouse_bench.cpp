@@ -118,7 +118,7 @@ void BM_clickhouse_bare_insert(benchmark::State& state)
     if (!s.up)
         return state.SkipWithError("clickhouse-server cannot start");
     uc::clickhouse_http_t http("http://127.0.0.1:" + std::to_string(s.server.port()));
-    uc::create_clickhouse_schema(http, "bare");
+    uc::create_clickhouse_schema(http, "bare", {});
     static std::vector<std::string> bodies;
     for (std::size_t at = bodies.empty() ? 0 : s.hits.size(); at < s.hits.size(); at += batch_rows) {
         std::string rows;
@@ -184,7 +184,7 @@ bool fill(uc::clickhouse_http_t& http, const std::string& database, long hits)
     const uc::outcome_t filled =
         uc::run_each(http, {"DROP DATABASE IF EXISTS " + database, "CREATE DATABASE " + database});
     const uc::outcome_t generated =
-        filled ? uc::create_clickhouse_schema(http, database) : filled;
+        filled ? uc::create_clickhouse_schema(http, database, {}) : filled;
     const uc::outcome_t merged = generated ?
         uc::run_each(http, {generate_sql(database, hits), "OPTIMIZE TABLE " + database + ".user_days FINAL",
                             "OPTIMIZE TABLE " + database + ".feature_days FINAL"}) : generated;

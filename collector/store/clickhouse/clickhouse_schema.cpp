@@ -113,11 +113,38 @@ outcome_t back_fill(clickhouse_http_t& http, const std::string& db)
     return outcome;
 }
 
+// The place recorded at the database's first use (by every process that found none, so two
+// that disagree both leave their row and both are refused from then on).
+outcome_t check_place(clickhouse_http_t& http, const std::string& db, shard_place_t place)
+{
+    const std::string mine = std::to_string(place.shard) + "\t" + std::to_string(place.shards) + "\n";
+    std::string recorded;
+    outcome_t outcome = run_each(http, {"CREATE TABLE IF NOT EXISTS " + db +
+                                        ".placement (shard UInt32, shards UInt32) ENGINE = TinyLog"});
+    if (outcome)
+        outcome = http.run("SELECT DISTINCT shard, shards FROM " + db + ".placement FORMAT TabSeparated", "",
+                           &recorded);
+    if (outcome && recorded.empty())
+        return http.run("INSERT INTO " + db + ".placement FORMAT TabSeparated", mine);
+    if (!outcome || recorded == mine)
+        return outcome;
+    const auto shown = [](std::string rows) {  // "1\t2\n" -> "1 of 2"
+        rows.pop_back();
+        for (std::size_t at; (at = rows.find_first_of("\t\n")) != std::string::npos;)
+            rows.replace(at, 1, rows[at] == '\t' ? " of " : ", ");
+        return rows.substr(0, 60);
+    };
+    return outcome_t::failure(db + " on this server is shard " + shown(recorded) + " (counted from 0), the store URI"
+                              " makes it " + shown(mine) + ": the hosts' order and number must never change");
+}
+
 }  // namespace
 
-outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& db)
+outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& db, shard_place_t place)
 {
     outcome_t outcome = run_each(http, {"CREATE DATABASE IF NOT EXISTS " + db, hits_sql(db)});
+    if (outcome)
+        outcome = check_place(http, db, place);
     if (!outcome || exists(http, db, feature_days_view))
         return outcome;
     outcome = run_each(http, {user_days_sql(db), feature_days_sql(db)});

@@ -3,6 +3,7 @@
 #ifndef USEMETER_COLLECTOR_CLICKHOUSE_SCHEMA_HPP
 #define USEMETER_COLLECTOR_CLICKHOUSE_SCHEMA_HPP
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -12,10 +13,17 @@ namespace usemeter_collector {
 
 class clickhouse_http_t;
 
+// Which shard of how many a server is, by its place in the store URI.
+struct shard_place_t {
+    std::size_t shard = 0, shards = 1;
+};
+
 // Creates the database, DATABASE.hits and the report aggregates with the views that feed
 // them, unless they exist. A hits table of an earlier version gets the views, and the
-// aggregates are back-filled from the hits it holds.
-outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& database);
+// aggregates are back-filled from the hits it holds. The database keeps the place it was
+// first given and refuses any other: hits are placed by shard, so a reordered or resized
+// host list would misplace users and read another shard's marks.
+outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& database, shard_place_t place);
 
 // The last sequence number of collector whose hits have reached the aggregates (0: none).
 // Every hit of that collector up to it has, since a collector sends in order.

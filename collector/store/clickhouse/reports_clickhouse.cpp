@@ -188,7 +188,8 @@ private:
     {
         std::vector<std::string> results(address_.servers.size());
         const outcome_t outcome = on_every_shard(address_.servers, [&](clickhouse_http_t& http, std::size_t shard) {
-            outcome_t asked = schema_ready_[shard] ? outcome_t() : create_clickhouse_schema(http, address_.database);
+            const shard_place_t place{shard, address_.servers.size()};
+            outcome_t asked = schema_ready_[shard] ? outcome_t() : create_clickhouse_schema(http, address_.database, place);
             schema_ready_[shard] = schema_ready_[shard] || asked.ok;
             return asked ? http.run(statement + " FORMAT TabSeparated", std::string(), &results[shard]) : asked;
         });

@@ -112,11 +112,11 @@ const std::size_t exported_columns = 3 + 9;
 
 // One shard's hits of the days condition allows, in export order, one row per hit however
 // often it was sent.
-outcome_t read_export(clickhouse_http_t& http, const std::string& database, const std::string& condition,
-                      std::vector<exported_hit_t>& hits)
+outcome_t read_export(clickhouse_http_t& http, const std::string& database, shard_place_t place,
+                      const std::string& condition, std::vector<exported_hit_t>& hits)
 {
     std::string result;
-    outcome_t outcome = create_clickhouse_schema(http, database);
+    outcome_t outcome = create_clickhouse_schema(http, database, place);
     if (outcome)
         outcome = http.run(std::string("SELECT received, collector, seq, ") + hit_field_columns + " FROM " +
                                clickhouse_hits_table(database) + " WHERE " + condition +
@@ -183,7 +183,8 @@ public:
     {
         std::vector<std::vector<exported_hit_t>> shards(address_.servers.size());
         const outcome_t outcome = on_every_shard(address_.servers, [&](clickhouse_http_t& http, std::size_t shard) {
-            return read_export(http, address_.database, day_range_condition(since, until), shards[shard]);
+            return read_export(http, address_.database, {shard, shards.size()}, day_range_condition(since, until),
+                               shards[shard]);
         });
         if (!outcome)
             return outcome;
@@ -335,7 +336,8 @@ private:
         for (std::size_t shard = 0; shard < shards.size(); ++shard) {
             if (schema_ready_[shard])
                 continue;
-            const outcome_t created = create_clickhouse_schema(*shards[shard], address_.database);
+            const outcome_t created =
+                create_clickhouse_schema(*shards[shard], address_.database, {shard, shards.size()});
             schema_ready_[shard] = created.ok;
             if (outcome && !created)
                 outcome = created;
@@ -441,7 +443,7 @@ private:
     {
         std::vector<std::int64_t> counts(address_.servers.size(), 0);
         const outcome_t outcome = on_every_shard(address_.servers, [&](clickhouse_http_t& http, std::size_t shard) {
-            return erase_on_shard(http, condition, counts[shard]);
+            return erase_on_shard(http, {shard, counts.size()}, condition, counts[shard]);
         });
         erased = 0;
         for (const std::int64_t count : counts)
@@ -449,10 +451,11 @@ private:
         return outcome;
     }
 
-    outcome_t erase_on_shard(clickhouse_http_t& http, const std::string& condition, std::int64_t& erased)
+    outcome_t erase_on_shard(clickhouse_http_t& http, shard_place_t place, const std::string& condition,
+                             std::int64_t& erased)
     {
         std::string result;
-        outcome_t outcome = create_clickhouse_schema(http, address_.database);
+        outcome_t outcome = create_clickhouse_schema(http, address_.database, place);
         if (outcome)
             outcome = http.run("SELECT uniqExact(collector, seq) FROM " + table_ + " WHERE " +
                                          condition + " FORMAT TabSeparated",

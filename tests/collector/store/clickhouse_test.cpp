@@ -359,6 +359,13 @@ TEST_P(clickhouse_shards_test, both_stores_give_the_same_export_and_reports)
     for (uc::report_kind_t kind : {uc::report_kind_t::active, uc::report_kind_t::features})
         EXPECT_EQ(report_text(*clickhouse_reports, kind, queries[0]),
                   report_text(*sqlite_reports, kind, queries[0]));
+    // A reordered or shortened host list is refused, not misread.
+    const std::string first = "127.0.0.1:" + std::to_string(servers[0].port());
+    for (const std::string& hosts : {"127.0.0.1:" + std::to_string(servers[1].port()) + "," + first, first}) {
+        auto misplaced = uc::open_report_source("clickhouse+http://" + hosts + "/test", error);
+        EXPECT_TRUE(shards == 1 || report_text(*misplaced, uc::report_kind_t::systems, queries[0])
+                                           .find("must never change") != std::string::npos) << hosts;
+    }
     servers[shards - 1].kill();
     const std::string unread = report_text(*clickhouse_reports, uc::report_kind_t::systems, queries[0]);
     EXPECT_EQ(unread.rfind("cannot read", 0), 0u);
