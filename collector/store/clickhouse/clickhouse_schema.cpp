@@ -129,7 +129,8 @@ outcome_t check_place(clickhouse_http_t& http, const std::string& db, shard_plac
     if (!outcome || recorded == mine)
         return outcome;
     const auto shown = [](std::string rows) {  // "1\t2\n" -> "1 of 2"
-        rows.pop_back();
+        if (!rows.empty() && rows.back() == '\n')
+            rows.pop_back();
         for (std::size_t at; (at = rows.find_first_of("\t\n")) != std::string::npos;)
             rows.replace(at, 1, rows[at] == '\t' ? " of " : ", ");
         return rows.substr(0, 60);
