@@ -2,10 +2,23 @@
 // batch, one hit per line (/batch). Nothing crashes or hangs, and every accepted hit is one
 // that no report, page or export can trip over: its fields within their limits, text that
 // a strict UTF-8 encoder takes, and the fields a hit needs present.
+#include <cstdio>
+#include <cstdlib>
+
 #include <nlohmann/json.hpp>
 
 #include "collector/ingest/hit_form.hpp"
-#include "fuzz_scratch.hpp"
+
+// A failed property prints what differs and aborts: libFuzzer and the replay program both
+// report that as a crash of this input.
+#define FUZZ_CHECK(condition, what)                                                          \
+    do {                                                                                     \
+        if (!(condition)) {                                                                  \
+            const std::string what_ = (what);                                                \
+            std::fprintf(stderr, "property failed: %s\n  %s\n", #condition, what_.c_str());  \
+            std::abort();                                                                    \
+        }                                                                                    \
+    } while (0)
 
 namespace uc = usemeter_collector;
 
