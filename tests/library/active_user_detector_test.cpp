@@ -52,8 +52,7 @@ TEST(active_user_detector, records_each_day_once_keeps_four_and_writes_only_chan
 TEST(active_user_detector, verdict_needs_four_days_the_oldest_strictly_within_a_year)
 {
     const std::pair<dates_t, bool> rows[] = {
-        {{day(-3), day(-2), day(-1)}, false},
-        {{day(-4), day(-3), day(-2), day(-1)}, true},
+        {{day(-3), day(-2), day(-1)}, false}, {{day(-4), day(-3), day(-2), day(-1)}, true},
         {{day(0, 1), day(-3), day(-2), day(-1)}, false},  // the oldest exactly a year ago
         {{day(1, 1), day(-3), day(-2), day(-1)}, true},
         {{day(-5, 1), day(-5), day(-4), day(-3), day(-2), day(-1)}, false},  // the first decides

@@ -1,6 +1,5 @@
-// Faults of users' machines and of untidy hosts: a file system that takes no writes, a hanging
-// collector, signals, descriptors, fork, privileges, hostile names. The host notices nothing
-// beyond missing hits: no exception, no report that waits, bounded destruction, nothing lost.
+// Faults of users' machines and of untidy hosts. The host notices nothing beyond missing hits: no
+// exception, no report that waits, bounded destruction, nothing lost.
 #include <sstream>
 
 #include "library/library_test.hpp"
@@ -29,8 +28,8 @@ TEST_F(faults, file_system_takes_no_writes_and_earlier_files_survive)
     {
         statistic_impl_ga_t backend("trovix", "2016");
         EXPECT_EQ(backend.get_uuid().size(), 36u);
-        for (int i = 0; i < 3; ++i)
-            backend.notify_feature_usage("run.fault");
+        for (const char* name : {"run.a", "run.b", "run.c"})
+            backend.notify_feature_usage(name);
         backend.set_statistic_collection_enabled(true);
     }
     EXPECT_FALSE(file_exists(home / "norvel/trovix/settings/statistic/uuid.xml"));
@@ -66,11 +65,9 @@ pid_t host_pid = 0;
 // The blocked and ignored signals that a /proc status file lists.
 std::string signal_state(const std::string& status_file)
 {
-    std::string state;
-    std::istringstream status(read_file(status_file));
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("SigBlk:", 0) == 0 || line.rfind("SigIgn:", 0) == 0)
-            state += line + "\n";
+    std::string state, line;
+    for (std::istringstream status(read_file(status_file)); std::getline(status, line);)
+        state += line.rfind("SigBlk:", 0) == 0 || line.rfind("SigIgn:", 0) == 0 ? line + "\n" : "";
     return state;
 }
 
@@ -115,29 +112,24 @@ TEST_F(faults, a_tool_inherits_the_hosts_descriptors_and_none_of_the_librarys)
 {
     int host_pipe[2];
     ASSERT_EQ(::pipe(host_pipe), 0);
-    const std::string seen = home / "fds";
-    fake_tool_t tool(tool_path(), "ls -l /proc/$$/fd > " + shell_quote(seen));
+    fake_tool_t tool(tool_path(), "ls -l /proc/$$/fd > " + shell_quote(home / "fds"));
     statistic_impl_ga_t backend("trovix", "2016");
     backend.notify_feature_usage("run.fd");
     ASSERT_TRUE(proxy.wait_for_requests(1));
     proxy.stop();
     ASSERT_EQ(orb_accessor_impl_t().invoke_orb(monitor, {}, true), 0);
-    const std::string fds = read_file(seen);
-    EXPECT_EQ(fds.find("socket:"), std::string::npos) << fds;
-    EXPECT_NE(fds.find(" " + std::to_string(host_pipe[1]) + " -> pipe:"), std::string::npos) << fds;
+    const std::string fds = read_file(home / "fds");
+    EXPECT_TRUE(!has(fds, "socket:") && has(fds, " " + std::to_string(host_pipe[1]) + " -> pipe:")) << fds;
     ::close(host_pipe[0]);
     ::close(host_pipe[1]);
 }
 
 // The untidy host in a working directory of its own; its output, or "status N" when it failed.
-std::string run_untidy_host(const std::string& dir, const std::string& args,
-                            const std::string& home_var = "")
+std::string run_untidy_host(const std::string& dir, const std::string& args, const std::string& home_var = "")
 {
     make_dirs(dir + "/cwd");
-    const std::string out = dir + "/out";
-    const std::string line = "cd " + shell_quote(dir + "/cwd") + " && " + home_var +
-                             " timeout 60 " USEMETER_UNTIDY_HOST " " + args + " > " +
-                             shell_quote(out) + " 2>&1";
+    const std::string out = dir + "/out", line = "cd " + shell_quote(dir + "/cwd") + " && " + home_var +
+        " timeout 60 " USEMETER_UNTIDY_HOST " " + args + " > " + shell_quote(out) + " 2>&1";
     const int status = std::system(line.c_str());
     return status == 0 ? read_file(out) : "status " + std::to_string(status) + ": " + read_file(out);
 }
@@ -172,10 +164,7 @@ TEST_F(faults, no_user_directories_no_file_anywhere)
     for (const auto& row : rows) {
         temp_dir_t dir;
         const std::string home_dir = dir / "home";
-        if (row.home_is_file)
-            write_file(home_dir, "not a directory");
-        else
-            make_dirs(home_dir);
+        row.home_is_file ? write_file(home_dir, "not a directory") : make_dirs(home_dir);
         const std::string output = run_untidy_host(dir.path(), shell_quote(row.product) + " none",
                                                    "HOME=" + shell_quote(home_dir));
         EXPECT_EQ(output, "") << row.product;
@@ -189,8 +178,7 @@ TEST_F(faults, no_user_directories_no_file_anywhere)
 TEST_F(faults, privileged_host_trusts_only_safe_tools)
 {
     if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root to make a tool owned by another user (a set-user-ID copy "
-                        "cannot be made either)";
+        GTEST_SKIP() << "needs root to make a tool owned by another user";
     const orb_accessor_impl_t bridge;
     fake_tool_t tool(tool_path(), "exit 3");
     ASSERT_EQ(::chmod(home.path().c_str(), 0755), 0);
@@ -221,8 +209,7 @@ TEST_F(faults, hostile_names_neither_stop_delivery_nor_forge_log_records)
     const struct { std::string name, logged, sent; } rows[] = {
         {"run." + longest, "feature_name=run.aaa", "&el=" + longest + "&"},
         {"run." + longest + "a", "hit not sent: its body of 8193 bytes exceeds the protocol's limit of 8192", ""},
-        {"run.a\n2026-11-24 forged\x1b[2J",
-         "feature_name=run.a\\n2026-11-24 forged\\x1b[2J value=1",
+        {"run.a\n2026-11-24 forged\x1b[2J", "feature_name=run.a\\n2026-11-24 forged\\x1b[2J value=1",
          "&el=a%0A2026-11-24%20forged%1B%5B2J&"},
     };
     for (const auto& row : rows) {

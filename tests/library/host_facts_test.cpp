@@ -12,8 +12,8 @@ using namespace usemeter_test;
 
 namespace {
 
-// The name comes from the PRETTY_NAME line of os-release, else the first line of redhat-release
-// as it stands, else a fixed text. Missing files and directories read as nothing.
+// The PRETTY_NAME line of os-release, else the first line of redhat-release as it stands, else a
+// fixed text. Missing files and directories read as nothing.
 TEST(os_name, each_release_file_is_read_as_its_format_says_in_order)
 {
     const char* const missing = nullptr;
@@ -41,14 +41,14 @@ TEST(os_name, each_release_file_is_read_as_its_format_says_in_order)
         return !content ? dir / "missing" : *content == '<' ? dir.path() : dir / name;
     };
     for (const auto& row : rows)
-        EXPECT_EQ(get_os_name_from(place(row.os, "os").c_str(),
-                                   place(row.redhat, "rh").c_str()), row.expected) << &row - rows;
+        EXPECT_EQ(get_os_name_from(place(row.os, "os").c_str(), place(row.redhat, "rh").c_str()), row.expected)
+            << &row - rows;
     EXPECT_EQ(get_os_name(), get_os_name_from("/etc/os-release", "/etc/redhat-release"));
     EXPECT_EQ(get_name_from_etc_os_release(), get_name_from_os_release_file("/etc/os-release"));
 }
 
 // The first 16 bytes of the source, raw, in order, upper case and grouped; a short or
-// unreadable source gives empty.
+// unreadable source (a directory opens but cannot be read) gives empty.
 TEST(uuid, the_source_is_formatted_raw_and_a_short_or_unreadable_one_gives_empty)
 {
     unsigned char counting[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
@@ -60,9 +60,7 @@ TEST(uuid, the_source_is_formatted_raw_and_a_short_or_unreadable_one_gives_empty
     const std::pair<std::string, const char*> rows[] = {
         {dir / "long", "ABABABAB-ABAB-ABAB-ABAB-ABABABABABAB"},
         {"/dev/zero", "00000000-0000-0000-0000-000000000000"},
-        {dir / "short", ""},
-        {dir / "missing", ""},
-        {dir.path(), ""},  // a directory opens but cannot be read
+        {dir / "short", ""}, {dir / "missing", ""}, {dir.path(), ""},
     };
     for (const auto& row : rows)
         EXPECT_EQ(generate_uuid4_from(row.first.c_str()), row.second) << row.first;
@@ -74,18 +72,14 @@ TEST(datetime, parse_prints_back_normalised_and_refuses_what_does_not_scan)
 {
     const char* const after_2038 = sizeof(std::time_t) > 4 ? "2038-01-19T03:14:08Z" : "";
     const std::pair<const char*, const char*> rows[] = {  // text, printed ("" when invalid)
-        {"2015-06-30T23:59:59Z", "2015-06-30T23:59:59Z"},
-        {"1970-01-01T00:00:00Z", "1970-01-01T00:00:00Z"}, {"2015-06-30T23:59:59", "2015-06-30T23:59:59Z"},
-        {"2024-3-7T5:6:9Z", "2024-03-07T05:06:09Z"},       // widths are maxima
+        {"2015-06-30T23:59:59Z", "2015-06-30T23:59:59Z"}, {"1970-01-01T00:00:00Z", "1970-01-01T00:00:00Z"},
+        {"2015-06-30T23:59:59", "2015-06-30T23:59:59Z"}, {"2024-3-7T5:6:9Z", "2024-03-07T05:06:09Z"},  // maxima
         {"2015-06-30T23:59:59X", "2015-06-30T23:59:59Z"},  // the Z is never checked
-        {"2015-02-30T00:00:00Z", "2015-03-02T00:00:00Z"},  // normalised like timegm
-        {"2015-00-10T00:00:00Z", "2014-12-10T00:00:00Z"}, {"2015-06-30T24:00:60Z", "2015-07-01T00:01:00Z"},
-        {"1969-12-31T23:59:58Z", "1969-12-31T23:59:58Z"},
+        {"2015-02-30T00:00:00Z", "2015-03-02T00:00:00Z"}, {"2015-00-10T00:00:00Z", "2014-12-10T00:00:00Z"},
+        {"2015-06-30T24:00:60Z", "2015-07-01T00:01:00Z"}, {"1969-12-31T23:59:58Z", "1969-12-31T23:59:58Z"},
         {"1969-12-31T23:59:59Z", ""},  // epoch time -1 is the invalid mark
         {"2038-01-19T03:14:07Z", "2038-01-19T03:14:07Z"}, {"2038-01-19T03:14:08Z", after_2038},
-        {"2015-06-30T23:59:59Z ", ""},  // 21 characters
-        {"2015-06-30T23:59", ""},       // five fields
-        {"2015/06/30T23:59:59Z", ""}, {"", ""},
+        {"2015-06-30T23:59:59Z ", ""}, {"2015-06-30T23:59", ""}, {"2015/06/30T23:59:59Z", ""}, {"", ""},
     };
     for (const auto& row : rows) {
         const datetime_t value = datetime_t::parse(row.first);
@@ -129,18 +123,13 @@ TEST(filelock, an_empty_file_beside_the_guarded_one_that_only_its_holder_removes
     auto second = std::make_unique<filelock_t>(guarded);
     EXPECT_FALSE(file_exists(lock_file));  // construction touches nothing
     const long descriptors = count_entries("/proc/self/fd");
-    ASSERT_TRUE(first.lock());
-    EXPECT_TRUE(first.lock());  // taking a held lock again is harmless
+    ASSERT_TRUE(first.lock() && first.lock());  // taking a held lock again is harmless
     EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);
-    EXPECT_TRUE(file_exists(lock_file) && read_file(lock_file).empty());
-    EXPECT_EQ(count_entries(dir.path()), 1);
-
-    EXPECT_FALSE(second->lock());
-    EXPECT_FALSE(second->is_locked());
+    EXPECT_TRUE(read_file(lock_file).empty() && count_entries(dir.path()) == 1);
+    EXPECT_FALSE(second->lock() || second->is_locked());
     second->unlock();
     filelock_t(guarded).lock();  // a failed attempt, destroyed at once
     EXPECT_TRUE(file_exists(lock_file)) << "a non-holder deleted the holder's file";
-
     first.unlock();
     EXPECT_FALSE(file_exists(lock_file));
     ASSERT_TRUE(second->lock());

@@ -41,10 +41,7 @@ public:
         return out;
     }
     std::size_t request_count() const { return hit_requests(); }
-    bool wait_for_requests(std::size_t n) const
-    {
-        return wait_for_hit_requests(n, std::chrono::seconds(20));
-    }
+    bool wait_for_requests(std::size_t n) const { return wait_for_hit_requests(n, std::chrono::seconds(20)); }
 
 private:
     static usemeter_collector::collector_options_t options()
