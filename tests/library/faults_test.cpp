@@ -14,9 +14,8 @@ protected:
     std::string tool_path() const { return home / monitor_in_home; }
 };
 
-// A read-only or full file system: an identifier that cannot be saved still serves this
-// process, and no earlier file changes: not the consent on record ("0", overridden by the
-// forced collection) though the session answers "1", nor the history.
+// A read-only or full file system: an unsaved identifier still serves this process; no earlier
+// file changes, neither the consent on record ("0", the forced session answers "1") nor the history.
 TEST_F(faults, file_system_takes_no_writes_and_earlier_files_survive)
 {
     make_dirs(home / "norvel/trovix/settings/statistic");
@@ -38,8 +37,7 @@ TEST_F(faults, file_system_takes_no_writes_and_earlier_files_survive)
     EXPECT_EQ(proxy.request_count(), 3u);
 }
 
-// A collector that holds every body: reports return at once and stay enabled; destruction
-// waits out both candidates' time-outs (both end at the proxy), then none is sent.
+// A collector that holds every body: reports return at once; destruction waits out both time-outs.
 TEST_F(faults, a_hanging_collector_delays_no_report)
 {
     // A session that worked before (the server's threads settle their lazy state first).
@@ -71,8 +69,8 @@ std::string signal_state(const std::string& status_file)
     return state;
 }
 
-// No host handler runs in the vfork child; the tool starts with the host's mask and ignored
-// signals. The tool is cp, copying its own status: a shell would change its mask.
+// No host handler runs in the vfork child; the tool (cp, copying its own status: a shell would
+// change its mask) starts with the host's mask and ignored signals.
 TEST_F(faults, vfork_child_runs_no_host_handler_and_the_tool_gets_the_hosts_signal_state)
 {
     make_dirs(home / "norvel/orb/bin/ia32");
@@ -106,8 +104,7 @@ TEST_F(faults, vfork_child_runs_no_host_handler_and_the_tool_gets_the_hosts_sign
     ::signal(SIGUSR2, SIG_DFL);
 }
 
-// After a delivery over a kept-alive connection, a tool holds the host's pipe and none of the
-// library's sockets. The server stops first: every socket left here is the library's.
+// A tool holds the host's pipe, none of the library's sockets (the server stopped, kept-alive ones stay).
 TEST_F(faults, a_tool_inherits_the_hosts_descriptors_and_none_of_the_librarys)
 {
     int host_pipe[2];
@@ -134,9 +131,8 @@ std::string run_untidy_host(const std::string& dir, const std::string& args, con
     return status == 0 ? read_file(out) : "status " + std::to_string(status) + ": " + read_file(out);
 }
 
-// A forked child ends through exit() in each form, with or without the host's log4cplus
-// set-up: exit hooks run, buffered output arrives, status kept; the parent still logs and
-// delivers, the child sends nothing.
+// A forked child ends through exit() in each form, with or without the host's log4cplus set-up: hooks
+// run, output is flushed, status kept; the parent still logs and delivers, the child sends nothing.
 TEST_F(faults, forked_children_of_a_host_exit)
 {
     const struct { std::string args; const char* child_says; unsigned hits; } rows[] = {
@@ -155,8 +151,7 @@ TEST_F(faults, forked_children_of_a_host_exit)
         }
 }
 
-// Without its per-user directories (a refused product name, a HOME that is a file) a host
-// writes nothing: not in its working directory, not beside HOME, not under it.
+// Without per-user directories a host writes nothing: not in its working directory, not by or in HOME.
 TEST_F(faults, no_user_directories_no_file_anywhere)
 {
     const struct { const char* product; bool home_is_file; } rows[] = {
@@ -199,8 +194,8 @@ TEST_F(faults, privileged_host_trusts_only_safe_tools)
     }
 }
 
-// A name too long for the protocol (a body over 8192 bytes) is not queued and costs no later
-// hit; a name with control characters reaches the log escaped and the wire unchanged.
+// A body over the protocol's 8192 bytes is not queued and costs no later hit; control characters
+// reach the log escaped and the wire unchanged.
 TEST_F(faults, hostile_names_neither_stop_delivery_nor_forge_log_records)
 {
     statistic_impl_ga_t("trovix", "2016").notify_feature_usage("run.a");

@@ -12,8 +12,7 @@ using namespace usemeter_test;
 
 namespace {
 
-// The PRETTY_NAME line of os-release, else the first line of redhat-release as it stands, else a
-// fixed text. Missing files and directories read as nothing.
+// PRETTY_NAME of os-release, else redhat-release's first line as is, else a fixed text; missing = empty.
 TEST(os_name, each_release_file_is_read_as_its_format_says_in_order)
 {
     const char* const missing = nullptr;
@@ -47,8 +46,7 @@ TEST(os_name, each_release_file_is_read_as_its_format_says_in_order)
     EXPECT_EQ(get_name_from_etc_os_release(), get_name_from_os_release_file("/etc/os-release"));
 }
 
-// The first 16 bytes of the source, raw, in order, upper case and grouped; a short or
-// unreadable source (a directory opens but cannot be read) gives empty.
+// The first 16 bytes raw, upper case, grouped; a short or unreadable source (a directory) gives empty.
 TEST(uuid, the_source_is_formatted_raw_and_a_short_or_unreadable_one_gives_empty)
 {
     unsigned char counting[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
@@ -66,10 +64,12 @@ TEST(uuid, the_source_is_formatted_raw_and_a_short_or_unreadable_one_gives_empty
         EXPECT_EQ(generate_uuid4_from(row.first.c_str()), row.second) << row.first;
 }
 
-// One second past the largest signed 32-bit time exists only where time_t is wider. Comparisons
-// use the epoch time only: the invalid mark (-1) sorts between -2 and 0.
-TEST(datetime, parse_prints_back_normalised_and_refuses_what_does_not_scan)
+// UTC whatever the time zone. 2038-01-19T03:14:08Z exists only with a wider time_t. Comparisons use
+// the epoch time only: the invalid mark (-1) sorts between -2 and 0.
+TEST(datetime, parse_prints_back_normalised_now_and_file_time_in_utc)
 {
+    scoped_env_t zone("TZ", "ABC-10");
+    ::tzset();
     const char* const after_2038 = sizeof(std::time_t) > 4 ? "2038-01-19T03:14:08Z" : "";
     const std::pair<const char*, const char*> rows[] = {  // text, printed ("" when invalid)
         {"2015-06-30T23:59:59Z", "2015-06-30T23:59:59Z"}, {"1970-01-01T00:00:00Z", "1970-01-01T00:00:00Z"},
@@ -93,20 +93,14 @@ TEST(datetime, parse_prints_back_normalised_and_refuses_what_does_not_scan)
     EXPECT_TRUE(later == same_instant && !(later != same_instant) && later > epoch);
     EXPECT_FALSE(later < epoch || epoch > later || later > same_instant || later < same_instant);
     EXPECT_TRUE(epoch < later && invalid < epoch && before < invalid);
-}
-
-TEST(datetime, now_and_file_time_are_utc_whatever_the_time_zone)
-{
-    scoped_env_t zone("TZ", "ABC-10");
-    ::tzset();
     const auto utc = [](std::time_t clock) {
         std::tm fields = {};
         char text[32];
         std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r(&clock, &fields));
         return std::string(text);
     };
-    const std::string before = utc(std::time(nullptr)), now = datetime_t::now().as_string();
-    EXPECT_TRUE(before <= now && now <= utc(std::time(nullptr))) << now;
+    const std::string earlier = utc(std::time(nullptr)), now = datetime_t::now().as_string();
+    EXPECT_TRUE(earlier <= now && now <= utc(std::time(nullptr))) << now;
     temp_dir_t dir;
     write_file(dir / "stamped", "x");
     const timeval stamps[2] = {{0, 0}, {1435708799, 0}};

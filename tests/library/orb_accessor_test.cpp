@@ -1,5 +1,4 @@
-// The bridge to the support tools: arguments and answers, how a run ends, where a tool is found,
-// the identifier exchange file.
+// The bridge to the support tools: arguments, answers, how a run ends, where a tool is, the exchange file.
 #include "library/library_test.hpp"
 
 namespace {
@@ -31,12 +30,11 @@ protected:
     orb_accessor_impl_t bridge_;
 };
 
-// Each operation's exact arguments and how it reads the answer; with a switch variable set
-// (content never matters) the tools stay silent and disallowed calls read as success.
+// Each operation's exact arguments and answer; with a switch variable set (content never matters) the
+// tools stay silent and disallowed calls read as success.
 TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
 {
-    const std::string sent = home_ / "sent.dat";
-    const std::string consume = on_argument("-m", "rm -f -- \"$2\"");
+    const std::string sent = home_ / "sent.dat", consume = on_argument("-m", "rm -f -- \"$2\"");
     const char *const no_orb = "USEMETER_DISABLE_ORB", *const no_updates = "NORVEL_DISABLE_UPDATES_CHECK";
     scoped_env_t orb_on(no_orb, ""), updates_on(no_updates, "");  // set but empty: unset
     const auto send = [=](bool f) { return [=] { return bridge_.send_file(sent, f); }; };
@@ -90,15 +88,15 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
 }
 
 // The exit status or -1; a run is logged with its unquoted command line.
-TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
+TEST_F(bridge_test, invoke_orb_answers_the_exit_status_or_minus_one_and_finds_tools_in_order)
 {
     // A caught signal without SA_RESTART breaks the wait with EINTR; the last row's tool sends some.
-    struct sigaction action {}, old_action {};
+    struct sigaction action {};
     action.sa_handler = [](int) {};
-    ASSERT_EQ(::sigaction(SIGUSR1, &action, &old_action), 0);
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
     const struct { const char* body; mode_t mode; bool sync; int expected; } rows[] = {
-        {"exit 0", 0755, true, 0}, {"exit 7", 0755, true, 7}, {nullptr, 0755, true, -1},
-        {"exit 7", 0644, true, 255} /* exec fails */, {"kill -KILL $$", 0755, true, -1}, {"exit 7", 0755, false, 0},
+        {"exit 0", 0755, true, 0}, {"exit 7", 0755, true, 7}, {nullptr, 0755, true, -1}, {"exit 7", 0755, false, 0},
+        {"exit 7", 0644, true, 255}, {"kill -KILL $$", 0755, true, -1},  // 255: exec failed
         {"for i in 1 2 3 4 5 6 7 8; do kill -USR1 $PPID; sleep .06; done; exit 6", 0755, true, 6},
     };
     for (const auto& row : rows) {
@@ -118,28 +116,23 @@ TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
         }
     }
     EXPECT_EQ(bridge_.invoke_orb(static_cast<tool_t>(3), {}, true), -1);
-    ::sigaction(SIGUSR1, &old_action, nullptr);
-}
-
-TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_quiet_misses)
-{
-    // A miss is an error unless the locations service asks for a quiet lookup.
+    // Looked up in HOME, then the system, then the flat override; a miss is an error unless the locations
+    // service asks for a quiet lookup.
     for (const int service : {0, 1, 2}) {  // none, a plain one, a quiet one
         prodenv::IProductLocations::set(service ? &locations_ : nullptr);
         locations_.quiet_lookup = service == 2;
         log_capture_t log(logger_name);
         EXPECT_EQ(bridge_.invoke_orb(main_tool, {}, false), -1);
-        EXPECT_EQ(log.messages().back().rfind("Failed to find orb location, at file: ", 0) == 0,
-                  service != 2);
+        EXPECT_EQ(log.messages().back().rfind("Failed to find orb location, at file: ", 0) == 0, service != 2);
     }
     temp_dir_t override_dir;
     scoped_env_t override_env("NORVEL_ORBTOOL_DIR", override_dir.path().c_str());
     const std::string in_home = home_ / home_paths[monitor], direct = override_dir / "norvelremotemon";
-    const struct { bool home_tool, home_set; std::string override_tool, expected; } rows[] = {
+    const struct { bool home_tool, home_set; std::string override_tool, expected; } places[] = {
         {true, true, direct, in_home}, {false, true, direct, direct}, {true, false, direct, direct},
         {false, true, override_dir / "orb/bin/ia32/norvelremotemon", ""},
     };
-    for (const auto& row : rows) {
+    for (const auto& row : places) {
         std::optional<fake_tool_t> home_tool;
         if (row.home_tool)
             home_tool.emplace(in_home);
@@ -149,8 +142,8 @@ TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_qui
     }
 }
 
-// The first line as written, from an exchange file that is gone afterwards; busy locks and
-// planted names are passed over, 19 at most; without a temporary directory nothing is tried.
+// The first line as written, the exchange file gone afterwards; busy locks and planted names are passed
+// over, 19 at most; without a temporary directory nothing is tried.
 TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
 {
     const std::pair<std::string, std::string> rows[] = {

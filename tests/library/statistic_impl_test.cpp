@@ -58,10 +58,9 @@ protected:
     const std::string optin = home / "norvel/optin";
 };
 
-// Environment x network x consent. The first step set decides (each adjacent pair is set
-// together somewhere); content never counts, empty is unset. The look-up and the consent file
-// count only when the environment leaves it open; of the file only a first token "1" grants.
-// The name asked for is numeric in every build with tests: no test reaches a DNS server.
+// Environment x network x consent. The first step set decides (each adjacent pair set together
+// somewhere); content never counts, empty is unset. The look-up (numeric: no DNS server is asked) and the
+// file count only when the environment leaves it open; of the file only a first token "1" grants.
 TEST_F(policy, enablement_table)
 {
     const strings_t forcing = {"Return 'evsEnabledForced' - NORVEL_FORCE_FEEDBACK is set",
@@ -108,23 +107,8 @@ TEST_F(policy, enablement_table)
               (std::vector<int>{0, AF_UNSPEC, SOCK_DGRAM, 17}));
 }
 
-// Only NORVEL_DONOTSEND_FEEDBACK refuses files; only NORVEL_FORCE_FEEDBACK answers consent.
-TEST_F(policy, send_files_and_consent_from_the_environment)
-{
-    const std::string refused = "Return 'true' - NORVEL_DONOTSEND_FEEDBACK is enabled";
-    probe_t probe;
-    for (int step = 0; step < 4; ++step) {
-        scoped_env_t variable(steps[step], "1");
-        log_capture_t log("usemeter.statistic");
-        EXPECT_EQ(probe.is_send_files_disabled(), step == 1) << steps[step];
-        EXPECT_EQ(log.messages(), strings_t{step == 1 ? refused : "Return 'false'"});
-        EXPECT_EQ(probe.get_user_consent(), step == 3 ? 1 : 2) << steps[step];
-    }
-}
-
-// A forced identifier bypasses the file and is settled before the decision. Without a file that
-// loads, a fresh one is saved as the bag's only entry and reused; a bag that loads is trusted
-// and never rewritten, even without a string UUID (then nothing is sent).
+// A forced identifier bypasses the file, settled before the decision. Without a file that loads, a fresh
+// one is saved alone and reused; a bag that loads is trusted, never rewritten, even without a UUID.
 TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
 {
     scoped_env_t forced_on("NORVEL_FORCE_FEEDBACK", "1");
@@ -149,10 +133,9 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
         const std::string uuid = probe.get_uuid();
         EXPECT_EQ(probe.enabled(), row.second != blank);
         if (row.second == replaced) {
-            EXPECT_TRUE(std::regex_match(uuid, uuid_form)) << uuid;
+            EXPECT_TRUE(std::regex_match(uuid, uuid_form) && probe_t().get_uuid() == uuid) << uuid;
             EXPECT_EQ(read_file(uuid_xml()), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<bag>\n"
                                              "  <UUID type=\"string\">" + uuid + "</UUID>\n</bag>\n");
-            EXPECT_EQ(probe_t().get_uuid(), uuid);
             continue;
         }
         EXPECT_EQ(read_file(uuid_xml()), row.first);
@@ -162,35 +145,41 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
     }
 }
 
-// The answer replaces the file (a planted link too), the user's alone; a failed write (a full
-// disk) keeps the answer on record; without its directory nothing is written, silently.
+// The answer replaces the file (a link too), the user's alone; a failed write keeps it on record; without
+// its directory nothing is written.
 TEST_F(policy, consent_writes_one_byte_and_refreshes_the_decision)
 {
     probe_t probe;
-    const std::string victim = home / "victim";
-    write_file(victim, "precious");
-    ASSERT_EQ(::symlink(victim.c_str(), optin.c_str()), 0);
+    write_file(home / "victim", "precious");
+    ASSERT_EQ(::symlink((home / "victim").c_str(), optin.c_str()), 0);
     for (bool enabled : {false, true}) {
         probe.set_statistic_collection_enabled(enabled);
         EXPECT_EQ(read_file(optin), enabled ? "1" : "0");
         EXPECT_EQ(boost::filesystem::status(optin).permissions(), owner_only);
-        EXPECT_EQ(probe.get_user_consent(), enabled ? 1 : 2);
-        EXPECT_EQ(probe.enabled(), enabled);
+        EXPECT_TRUE(probe.get_user_consent() == (enabled ? 1 : 2) && probe.enabled() == enabled);
     }
-    EXPECT_EQ(read_file(victim), "precious");
+    EXPECT_EQ(read_file(home / "victim"), "precious");
     host.files_fail = true;
     probe.set_statistic_collection_enabled(false);
     EXPECT_EQ(probe.get_user_consent(), 1);
     host.files_fail = false;
+    // Only NORVEL_DONOTSEND_FEEDBACK refuses files; only NORVEL_FORCE_FEEDBACK answers consent.
+    for (int step = 0; step < 4; ++step) {
+        scoped_env_t variable(steps[step], "1");
+        log_capture_t log("usemeter.statistic");
+        EXPECT_EQ(probe.is_send_files_disabled(), step == 1) << steps[step];
+        EXPECT_EQ(log.messages(), strings_t{step == 1 ? "Return 'true' - NORVEL_DONOTSEND_FEEDBACK is enabled"
+                                                      : "Return 'false'"});
+        EXPECT_EQ(probe.get_user_consent(), step == 3 ? 1 : 2) << steps[step];
+    }
     boost::filesystem::remove_all(home / "norvel");
     probe.set_statistic_collection_enabled(true);
     EXPECT_FALSE(file_exists(optin) || probe.enabled());
 }
 
-// The product directory comes from the locations service, else the product name; the consent file
-// is shared. HOME unset or empty means the working directory. A product name that is no single
-// directory name, or a HOME that is a file (root ignores permission bits), leaves statistics off
-// with one record saying why.
+// The product directory from the locations service, else the product name; HOME unset or empty is the
+// working directory. A product name that is no single directory name, or a HOME that is a file, leaves
+// statistics off with one record saying why.
 TEST_F(policy, per_user_paths_or_a_silent_object)
 {
     probe_t("myprod");
@@ -201,14 +190,12 @@ TEST_F(policy, per_user_paths_or_a_silent_object)
         EXPECT_EQ(probe_t("myprod").optin(), optin);
         EXPECT_TRUE(file_exists(uuid_xml("ProdDir")));
     }
-    const std::string previous = boost::filesystem::current_path().string();
     for (const char* value : {static_cast<const char*>(nullptr), ""}) {
         temp_dir_t cwd;
-        ASSERT_EQ(::chdir(cwd.path().c_str()), 0);
+        ASSERT_EQ(::chdir(cwd.path().c_str()), 0);  // each case is a process of its own
         scoped_env_t home_var("HOME", value);
         EXPECT_EQ(probe_t().optin(), "./norvel/optin");
         EXPECT_TRUE(file_exists(cwd / "norvel/trovix/settings/statistic/uuid.xml"));
-        EXPECT_EQ(::chdir(previous.c_str()), 0);
     }
     write_file(home / "plain", "x");
     for (const char* name : {"", ".", "..", "../../outside", "a/b", "x\n/", "plain HOME"}) {
@@ -230,8 +217,7 @@ TEST_F(policy, per_user_paths_or_a_silent_object)
     EXPECT_TRUE(boost::filesystem::is_directory(uuid_xml()));
 }
 
-// A synthetic answer list: IPv4 addresses, and for "v6" an IPv6 entry whose bytes read 10.1.2.3
-// where an IPv4 address would lie, so that only the family decides.
+// Answer lists: IPv4 addresses, and "v6": an IPv6 entry reading 10.1.2.3 where IPv4 bytes would lie.
 int classify(int gai_error, const strings_t& entries)
 {
     std::vector<sockaddr_in> addresses(entries.size());

@@ -1,6 +1,5 @@
-// One feature use end to end: the facade, the flat C entry points and the backend, through the
-// connector to a loopback proxy named by "http_proxy" (both routes of the connector end there).
-// The feature-name grammar the facade offers hosts.
+// One feature use end to end (facade, C entry points, backend, connector) to a loopback proxy named by
+// "http_proxy"; the feature-name grammar.
 #include <curl/curl.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -47,8 +46,8 @@ protected:
     }
 };
 
-// In reporting order; every other name carries a value that never reaches the wire; the version
-// goes raw. Four recent days of use on record mark the user active.
+// In reporting order; every other name carries a value that never reaches the wire; the version goes
+// raw. Four recent days of use on record mark the user active.
 TEST_F(e2e, each_name_becomes_the_predicted_hit_or_nothing)
 {
     write_file(home / history_in_home, history_xml({day(-4), day(-3), day(-2), day(-1)}));
@@ -75,8 +74,7 @@ TEST_F(e2e, each_name_becomes_the_predicted_hit_or_nothing)
     EXPECT_EQ(bodies(), expected);
 }
 
-// The operations without a wire form send nothing. Disabled collection sends nothing, but
-// activity is still recorded and the call logged.
+// Operations without a wire form send nothing; disabled collection neither, yet records activity and logs.
 TEST_F(e2e, consent_given_at_run_time_takes_effect_at_once)
 {
     boost::filesystem::remove(home / "norvel/optin");
@@ -106,8 +104,8 @@ TEST_F(e2e, consent_given_at_run_time_takes_effect_at_once)
     EXPECT_TRUE(file_exists(home / history_in_home));
 }
 
-// One process-wide instance while held, versioned by the service; a guard reports entry at once
-// and exit at scope end; the last reference gone, the instance has delivered everything.
+// One process-wide instance while held, versioned by the service; guards report entry and exit; the
+// last reference gone, everything is delivered.
 TEST_F(e2e, facade_instance_lives_while_held_and_guards_report_entry_and_exit)
 {
     scoped_env_t force("NORVEL_FORCE_FEEDBACK", "1");
@@ -136,8 +134,7 @@ TEST_F(e2e, facade_instance_lives_while_held_and_guards_report_entry_and_exit)
         EXPECT_TRUE(has(sent[i], i < 4 ? "&av=2015.3.1&" : "&av=unknown&") && has(sent[i], events[i])) << sent[i];
 }
 
-// Null handles are ignored; asked for consent until answered; two handles are two backends that
-// deliver before destruction, and the library keeps its own copy of a name.
+// Null handles ignored; consent asked until answered; a backend per handle; a name copied at once.
 TEST_F(e2e, flat_entry_points_ask_consent_once_and_keep_one_backend_per_handle)
 {
     EXPECT_EQ(usemeter_should_ask_user_consent(nullptr), 0);

@@ -1,6 +1,5 @@
-// The loopback stage of end-to-end tests: a collector that keeps nothing on disk and records
-// every hit request, and a user in a temporary HOME whose hits go to it as the proxy named by
-// "http_proxy", with collection forced on.
+// The loopback stage of end-to-end tests: a collector that records every hit request and keeps nothing,
+// and a user in a temporary HOME whose hits go to it as "http_proxy", collection forced on.
 #ifndef USEMETER_TESTS_LOOPBACK_USER_HPP
 #define USEMETER_TESTS_LOOPBACK_USER_HPP
 

@@ -20,8 +20,7 @@ private:
     bool had_value_;
 };
 
-// The variables that steer the library, unset for the object's lifetime: the developer's own
-// environment cannot leak into a test.
+// The variables that steer the library, unset while alive: the developer's environment stays out.
 struct clean_env_t {
     clean_env_t();
     std::list<scoped_env_t> vars_;

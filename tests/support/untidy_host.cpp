@@ -1,9 +1,7 @@
 // A host less tidy than a test host, as its own process:  untidy_host PRODUCT FORM [configured]
-// It reports through the C entry points; FORM: "none" (no child), "exit" (a child of a host that
-// never made a statistics object), "destroy" (the child destroys the inherited object, then
-// exits), "atexit" (a hook the child registered destroys it during exit). "configured": the host
-// set up log4cplus itself. Prints the child's unflushed output, its status or "hung", and the
-// parent's own log record; exits 0 when the child ended and the parent finished.
+// FORM: "none" (no child), "exit" (no statistics object), "destroy" (the child destroys the inherited
+// one), "atexit" (a hook of the child destroys it). "configured": the host set up log4cplus. Prints the
+// child's output, its status or "hung", the parent's log record; exits 0 when both finished.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
