@@ -99,9 +99,6 @@ TEST_F(faults, vfork_child_runs_no_host_handler_and_the_tool_gets_the_hosts_sign
     // The host's own mask (this thread's) and ignored signals, SIGWINCH and SIGUSR2 among them.
     ASSERT_EQ(bridge.invoke_orb(monitor, copy_status, true), 0);
     EXPECT_EQ(signal_state(home / "state"), signal_state("/proc/thread-self/status"));
-    ::pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
-    ::signal(SIGUSR1, SIG_DFL);
-    ::signal(SIGUSR2, SIG_DFL);
 }
 
 // A tool holds the host's pipe, none of the library's sockets (the server stopped, kept-alive ones stay).
@@ -117,8 +114,6 @@ TEST_F(faults, a_tool_inherits_the_hosts_descriptors_and_none_of_the_librarys)
     ASSERT_EQ(orb_accessor_impl_t().invoke_orb(monitor, {}, true), 0);
     const std::string fds = read_file(home / "fds");
     EXPECT_TRUE(!has(fds, "socket:") && has(fds, " " + std::to_string(host_pipe[1]) + " -> pipe:")) << fds;
-    ::close(host_pipe[0]);
-    ::close(host_pipe[1]);
 }
 
 // The untidy host in a working directory of its own; its output, or "status N" when it failed.
@@ -162,8 +157,7 @@ TEST_F(faults, no_user_directories_no_file_anywhere)
         row.home_is_file ? write_file(home_dir, "not a directory") : make_dirs(home_dir);
         const std::string output = run_untidy_host(dir.path(), shell_quote(row.product) + " none",
                                                    "HOME=" + shell_quote(home_dir));
-        EXPECT_EQ(output, "") << row.product;
-        EXPECT_EQ(count_entries(dir / "cwd"), 0) << row.product;
+        EXPECT_TRUE(output.empty() && count_entries(dir / "cwd") == 0) << row.product << ": " << output;
         EXPECT_EQ(count_entries(dir.path()), 3) << row.product << ": only cwd, home and out";
         EXPECT_TRUE(row.home_is_file || count_entries(home_dir) == 0) << row.product;
     }
@@ -186,8 +180,7 @@ TEST_F(faults, privileged_host_trusts_only_safe_tools)
         ASSERT_EQ(row.make_unsafe(), 0) << row.what;
         log_capture_t log("usemeter.orb_accessor");
         ::unlink((tool.path() + ".args").c_str());
-        EXPECT_EQ(bridge.invoke_orb(monitor, {}, true), -1) << row.what;
-        EXPECT_FALSE(tool.ran()) << row.what;
+        EXPECT_TRUE(bridge.invoke_orb(monitor, {}, true) == -1 && !tool.ran()) << row.what;
         EXPECT_TRUE(log.contains_start("orb location not trusted in a privileged process")) << row.what;
         ::chown(tool.path().c_str(), 0, 0);
         ::chmod((home / "norvel").c_str(), 0755);

@@ -121,11 +121,8 @@ TEST_F(e2e, facade_instance_lives_while_held_and_guards_report_entry_and_exit)
     EXPECT_TRUE(released.expired());
     // No service: the version is unknown, and without a whitelist only plain runs are sent.
     locations.reset();
-    {
-        const boost::shared_ptr<statistic_t> unserved = statistic_t::get();
-        unserved->notify_feature_usage("gui.start");
-        unserved->notify_feature_usage("run.a");
-    }
+    for (const char* name : {"gui.start", "run.a"})
+        statistic_t::get()->notify_feature_usage(name);
     const char* const events[] = {"&ec=scan&el=begin&", "&ec=scan&cd3=", "&ec=scan&cd3=", "&ec=scan&el=end&",
                                   "&ec=run&el=a&"};
     const strings_t sent = bodies();
