@@ -49,7 +49,7 @@ TEST(active_user_detector, records_each_day_once_keeps_four_and_writes_only_chan
 }
 
 // A stale lock costs the days (not loaded, not saved) but never hangs; so does a missing directory.
-TEST(active_user_detector, verdict_needs_four_days_the_oldest_strictly_within_a_year)
+TEST(active_user_detector, verdict_needs_four_days_within_a_year_and_a_stale_lock_costs_them)
 {
     const dates_t four = {day(-4), day(-3), day(-2), day(-1)};
     const struct { dates_t dates; bool active, locked = false; } rows[] = {

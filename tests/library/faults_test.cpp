@@ -180,7 +180,7 @@ TEST_F(faults, privileged_host_trusts_only_safe_tools)
         ASSERT_EQ(row.make_unsafe(), 0) << row.what;
         log_capture_t log("usemeter.orb_accessor");
         ::unlink((tool.path() + ".args").c_str());
-        EXPECT_TRUE(bridge.invoke_orb(monitor, {}, true) == -1 && !tool.ran()) << row.what;
+        EXPECT_TRUE(bridge.invoke_orb(monitor, {}, true) == -1 && !file_exists(tool.path() + ".args")) << row.what;
         EXPECT_TRUE(log.contains_start("orb location not trusted in a privileged process")) << row.what;
         ::chown(tool.path().c_str(), 0, 0);
         ::chmod((home / "norvel").c_str(), 0755);

@@ -25,8 +25,6 @@ fake_tool_t::~fake_tool_t()
     ::unlink((path_ + ".args").c_str());
 }
 
-bool fake_tool_t::ran() const { return file_exists(path_ + ".args"); }
-
 std::vector<std::string> fake_tool_t::args() const
 {
     std::vector<std::string> args;

@@ -16,7 +16,6 @@ public:
     fake_tool_t(const fake_tool_t&) = delete;
 
     const std::string& path() const { return path_; }
-    bool ran() const;
     std::vector<std::string> args() const;  // the last run's, without the program name
 
 private:
