@@ -123,6 +123,7 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
         {"<missing>", replaced}, {"", replaced}, {std::string("\x00\xff\xfe<bag>\x01", 8), replaced},
         {"<bag><UUID type=\"string\">", replaced}, {"<other><UUID type=\"string\">X</UUID></other>", replaced},
         {"<bag><other type=\"string\">x</other></bag>", blank}, {"<bag><UUID type=\"int\">7</UUID></bag>", blank},
+        {"<bag><UUID type=\"blob\">41</UUID></bag>", blank},  // a string only
         {"<bag><UUID type=\"string\">short</UUID></bag>", kept},
     };
     for (const auto& row : rows) {
@@ -237,7 +238,7 @@ TEST(network_status, classifies_lookup_outcomes)
     const int ok = usemeter::nsOk, error = usemeter::nsError, excluded = usemeter::nsExcludedNetwork;
     const struct { int gai_error; strings_t entries; int expected; } rows[] = {
         {EAI_NONAME, {}, ok}, {EAI_NODATA, {}, ok}, {EAI_AGAIN, {}, error}, {EAI_FAIL, {}, error},
-        {EAI_SYSTEM, {}, error}, {0, {}, ok}, {0, {"v6", "v6"}, ok},
+        {EAI_SYSTEM, {}, error}, {0, {}, ok}, {0, {"v6", "v6"}, ok}, {0, {"10.255.255.255"}, excluded},
         {0, {"127.0.0.1", "11.0.0.1", "9.255.255.255", "192.168.10.10"}, ok},
         {0, {"v6", "127.0.0.1", "10.9.8.7", "172.16.0.1"}, excluded}, {0, {"10.0.0.0"}, excluded},
     };
