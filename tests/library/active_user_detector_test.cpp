@@ -19,8 +19,7 @@ strings_t days(const temp_dir_t& dir, dates_t dates = {})
     return out;
 }
 
-// Today is added once, the history trimmed to the last four days; a file is written only when
-// something changed. Bad items are dropped, bad files start afresh.
+// Today is added once, four days kept; written only on change. Bad items dropped, bad files reset.
 TEST(active_user_detector, records_each_day_once_keeps_four_and_writes_only_changes)
 {
     temp_dir_t dir;
@@ -49,35 +48,28 @@ TEST(active_user_detector, records_each_day_once_keeps_four_and_writes_only_chan
     }
 }
 
-TEST(active_user_detector, verdict_needs_four_days_the_oldest_strictly_within_a_year)
+// A stale lock costs the days (not loaded, not saved) but never hangs; so does a missing directory.
+TEST(active_user_detector, verdict_needs_four_days_within_a_year_and_a_stale_lock_costs_them)
 {
-    const std::pair<dates_t, bool> rows[] = {
-        {{day(-3), day(-2), day(-1)}, false},
-        {{day(-4), day(-3), day(-2), day(-1)}, true},
+    const dates_t four = {day(-4), day(-3), day(-2), day(-1)};
+    const struct { dates_t dates; bool active, locked = false; } rows[] = {
+        {{day(-3), day(-2), day(-1)}, false}, {four, true}, {four, false, true},
         {{day(0, 1), day(-3), day(-2), day(-1)}, false},  // the oldest exactly a year ago
         {{day(1, 1), day(-3), day(-2), day(-1)}, true},
         {{day(-5, 1), day(-5), day(-4), day(-3), day(-2), day(-1)}, false},  // the first decides
     };
     for (const auto& row : rows) {
         temp_dir_t dir;
-        write_file(dir / "last_active_dates.xml", history_xml(row.first));
-        EXPECT_EQ(active_user_detector_t(dir.path()).is_active_user(), row.second) << &row - rows;
-    }
-}
-
-TEST(active_user_detector, a_stale_lock_or_missing_directory_costs_the_days_but_never_hangs)
-{
-    temp_dir_t dir;
-    const std::string before = history_xml({day(-4), day(-3), day(-2), day(-1)});
-    write_file(dir / "last_active_dates.xml", before);
-    write_file(dir / "last_active_dates.lock", "");
-    {
+        write_file(dir / "last_active_dates.xml", history_xml(row.dates));
+        if (row.locked)
+            write_file(dir / "last_active_dates.lock", "");
         active_user_detector_t detector(dir.path());
-        EXPECT_FALSE(detector.is_active_user());  // not loaded
+        EXPECT_EQ(detector.is_active_user(), row.active) << &row - rows;
         detector.notify_activity();
-        EXPECT_TRUE(detector.save());  // true means failure
+        EXPECT_EQ(detector.save(), row.locked) << "true means failure";
+        EXPECT_TRUE(!row.locked || read_file(dir / "last_active_dates.xml") == history_xml(row.dates));
     }
-    EXPECT_EQ(read_file(dir / "last_active_dates.xml"), before);
+    const temp_dir_t dir;
     active_user_detector_t elsewhere(dir / "missing");
     EXPECT_FALSE(elsewhere.save());  // nothing to write is no failure
     elsewhere.notify_activity();

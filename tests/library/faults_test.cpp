@@ -1,6 +1,5 @@
-// Faults of users' machines and of untidy hosts: a file system that takes no writes, a hanging
-// collector, signals, descriptors, fork, privileges, hostile names. The host notices nothing
-// beyond missing hits: no exception, no report that waits, bounded destruction, nothing lost.
+// Faults of users' machines and of untidy hosts. The host notices nothing beyond missing hits: no
+// exception, no report that waits, bounded destruction, nothing lost.
 #include <sstream>
 
 #include "library/library_test.hpp"
@@ -15,9 +14,8 @@ protected:
     std::string tool_path() const { return home / monitor_in_home; }
 };
 
-// A read-only or full file system: an identifier that cannot be saved still serves this
-// process, and no earlier file changes: not the consent on record ("0", overridden by the
-// forced collection) though the session answers "1", nor the history.
+// A read-only or full file system: an unsaved identifier still serves this process; no earlier
+// file changes, neither the consent on record ("0", the forced session answers "1") nor the history.
 TEST_F(faults, file_system_takes_no_writes_and_earlier_files_survive)
 {
     make_dirs(home / "norvel/trovix/settings/statistic");
@@ -29,8 +27,8 @@ TEST_F(faults, file_system_takes_no_writes_and_earlier_files_survive)
     {
         statistic_impl_ga_t backend("trovix", "2016");
         EXPECT_EQ(backend.get_uuid().size(), 36u);
-        for (int i = 0; i < 3; ++i)
-            backend.notify_feature_usage("run.fault");
+        for (const char* name : {"run.a", "run.b", "run.c"})
+            backend.notify_feature_usage(name);
         backend.set_statistic_collection_enabled(true);
     }
     EXPECT_FALSE(file_exists(home / "norvel/trovix/settings/statistic/uuid.xml"));
@@ -39,8 +37,7 @@ TEST_F(faults, file_system_takes_no_writes_and_earlier_files_survive)
     EXPECT_EQ(proxy.request_count(), 3u);
 }
 
-// A collector that holds every body: reports return at once and stay enabled; destruction
-// waits out both candidates' time-outs (both end at the proxy), then none is sent.
+// A collector that holds every body: reports return at once; destruction waits out both time-outs.
 TEST_F(faults, a_hanging_collector_delays_no_report)
 {
     // A session that worked before (the server's threads settle their lazy state first).
@@ -66,16 +63,14 @@ pid_t host_pid = 0;
 // The blocked and ignored signals that a /proc status file lists.
 std::string signal_state(const std::string& status_file)
 {
-    std::string state;
-    std::istringstream status(read_file(status_file));
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("SigBlk:", 0) == 0 || line.rfind("SigIgn:", 0) == 0)
-            state += line + "\n";
+    std::string state, line;
+    for (std::istringstream status(read_file(status_file)); std::getline(status, line);)
+        state += line.rfind("SigBlk:", 0) == 0 || line.rfind("SigIgn:", 0) == 0 ? line + "\n" : "";
     return state;
 }
 
-// No host handler runs in the vfork child; the tool starts with the host's mask and ignored
-// signals. The tool is cp, copying its own status: a shell would change its mask.
+// No host handler runs in the vfork child; the tool (cp, copying its own status: a shell would
+// change its mask) starts with the host's mask and ignored signals.
 TEST_F(faults, vfork_child_runs_no_host_handler_and_the_tool_gets_the_hosts_signal_state)
 {
     make_dirs(home / "norvel/orb/bin/ia32");
@@ -104,47 +99,35 @@ TEST_F(faults, vfork_child_runs_no_host_handler_and_the_tool_gets_the_hosts_sign
     // The host's own mask (this thread's) and ignored signals, SIGWINCH and SIGUSR2 among them.
     ASSERT_EQ(bridge.invoke_orb(monitor, copy_status, true), 0);
     EXPECT_EQ(signal_state(home / "state"), signal_state("/proc/thread-self/status"));
-    ::pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
-    ::signal(SIGUSR1, SIG_DFL);
-    ::signal(SIGUSR2, SIG_DFL);
 }
 
-// After a delivery over a kept-alive connection, a tool holds the host's pipe and none of the
-// library's sockets. The server stops first: every socket left here is the library's.
+// A tool holds the host's pipe, none of the library's sockets (the server stopped, kept-alive ones stay).
 TEST_F(faults, a_tool_inherits_the_hosts_descriptors_and_none_of_the_librarys)
 {
     int host_pipe[2];
     ASSERT_EQ(::pipe(host_pipe), 0);
-    const std::string seen = home / "fds";
-    fake_tool_t tool(tool_path(), "ls -l /proc/$$/fd > " + shell_quote(seen));
+    fake_tool_t tool(tool_path(), "ls -l /proc/$$/fd > " + shell_quote(home / "fds"));
     statistic_impl_ga_t backend("trovix", "2016");
     backend.notify_feature_usage("run.fd");
     ASSERT_TRUE(proxy.wait_for_requests(1));
     proxy.stop();
     ASSERT_EQ(orb_accessor_impl_t().invoke_orb(monitor, {}, true), 0);
-    const std::string fds = read_file(seen);
-    EXPECT_EQ(fds.find("socket:"), std::string::npos) << fds;
-    EXPECT_NE(fds.find(" " + std::to_string(host_pipe[1]) + " -> pipe:"), std::string::npos) << fds;
-    ::close(host_pipe[0]);
-    ::close(host_pipe[1]);
+    const std::string fds = read_file(home / "fds");
+    EXPECT_TRUE(!has(fds, "socket:") && has(fds, " " + std::to_string(host_pipe[1]) + " -> pipe:")) << fds;
 }
 
 // The untidy host in a working directory of its own; its output, or "status N" when it failed.
-std::string run_untidy_host(const std::string& dir, const std::string& args,
-                            const std::string& home_var = "")
+std::string run_untidy_host(const std::string& dir, const std::string& args, const std::string& home_var = "")
 {
     make_dirs(dir + "/cwd");
-    const std::string out = dir + "/out";
-    const std::string line = "cd " + shell_quote(dir + "/cwd") + " && " + home_var +
-                             " timeout 60 " USEMETER_UNTIDY_HOST " " + args + " > " +
-                             shell_quote(out) + " 2>&1";
+    const std::string out = dir + "/out", line = "cd " + shell_quote(dir + "/cwd") + " && " + home_var +
+        " timeout 60 " USEMETER_UNTIDY_HOST " " + args + " > " + shell_quote(out) + " 2>&1";
     const int status = std::system(line.c_str());
     return status == 0 ? read_file(out) : "status " + std::to_string(status) + ": " + read_file(out);
 }
 
-// A forked child ends through exit() in each form, with or without the host's log4cplus
-// set-up: exit hooks run, buffered output arrives, status kept; the parent still logs and
-// delivers, the child sends nothing.
+// A forked child ends through exit() in each form, with or without the host's log4cplus set-up: hooks
+// run, output is flushed, status kept; the parent still logs and delivers, the child sends nothing.
 TEST_F(faults, forked_children_of_a_host_exit)
 {
     const struct { std::string args; const char* child_says; unsigned hits; } rows[] = {
@@ -163,8 +146,7 @@ TEST_F(faults, forked_children_of_a_host_exit)
         }
 }
 
-// Without its per-user directories (a refused product name, a HOME that is a file) a host
-// writes nothing: not in its working directory, not beside HOME, not under it.
+// Without per-user directories a host writes nothing: not in its working directory, not by or in HOME.
 TEST_F(faults, no_user_directories_no_file_anywhere)
 {
     const struct { const char* product; bool home_is_file; } rows[] = {
@@ -172,14 +154,10 @@ TEST_F(faults, no_user_directories_no_file_anywhere)
     for (const auto& row : rows) {
         temp_dir_t dir;
         const std::string home_dir = dir / "home";
-        if (row.home_is_file)
-            write_file(home_dir, "not a directory");
-        else
-            make_dirs(home_dir);
+        row.home_is_file ? write_file(home_dir, "not a directory") : make_dirs(home_dir);
         const std::string output = run_untidy_host(dir.path(), shell_quote(row.product) + " none",
                                                    "HOME=" + shell_quote(home_dir));
-        EXPECT_EQ(output, "") << row.product;
-        EXPECT_EQ(count_entries(dir / "cwd"), 0) << row.product;
+        EXPECT_TRUE(output.empty() && count_entries(dir / "cwd") == 0) << row.product << ": " << output;
         EXPECT_EQ(count_entries(dir.path()), 3) << row.product << ": only cwd, home and out";
         EXPECT_TRUE(row.home_is_file || count_entries(home_dir) == 0) << row.product;
     }
@@ -189,8 +167,7 @@ TEST_F(faults, no_user_directories_no_file_anywhere)
 TEST_F(faults, privileged_host_trusts_only_safe_tools)
 {
     if (::geteuid() != 0)
-        GTEST_SKIP() << "needs root to make a tool owned by another user (a set-user-ID copy "
-                        "cannot be made either)";
+        GTEST_SKIP() << "needs root to make a tool owned by another user";
     const orb_accessor_impl_t bridge;
     fake_tool_t tool(tool_path(), "exit 3");
     ASSERT_EQ(::chmod(home.path().c_str(), 0755), 0);
@@ -203,16 +180,15 @@ TEST_F(faults, privileged_host_trusts_only_safe_tools)
         ASSERT_EQ(row.make_unsafe(), 0) << row.what;
         log_capture_t log("usemeter.orb_accessor");
         ::unlink((tool.path() + ".args").c_str());
-        EXPECT_EQ(bridge.invoke_orb(monitor, {}, true), -1) << row.what;
-        EXPECT_FALSE(tool.ran()) << row.what;
+        EXPECT_TRUE(bridge.invoke_orb(monitor, {}, true) == -1 && !file_exists(tool.path() + ".args")) << row.what;
         EXPECT_TRUE(log.contains_start("orb location not trusted in a privileged process")) << row.what;
         ::chown(tool.path().c_str(), 0, 0);
         ::chmod((home / "norvel").c_str(), 0755);
     }
 }
 
-// A name too long for the protocol (a body over 8192 bytes) is not queued and costs no later
-// hit; a name with control characters reaches the log escaped and the wire unchanged.
+// A body over the protocol's 8192 bytes is not queued and costs no later hit; control characters
+// reach the log escaped and the wire unchanged.
 TEST_F(faults, hostile_names_neither_stop_delivery_nor_forge_log_records)
 {
     statistic_impl_ga_t("trovix", "2016").notify_feature_usage("run.a");
@@ -221,8 +197,7 @@ TEST_F(faults, hostile_names_neither_stop_delivery_nor_forge_log_records)
     const struct { std::string name, logged, sent; } rows[] = {
         {"run." + longest, "feature_name=run.aaa", "&el=" + longest + "&"},
         {"run." + longest + "a", "hit not sent: its body of 8193 bytes exceeds the protocol's limit of 8192", ""},
-        {"run.a\n2026-11-24 forged\x1b[2J",
-         "feature_name=run.a\\n2026-11-24 forged\\x1b[2J value=1",
+        {"run.a\n2026-11-24 forged\x1b[2J", "feature_name=run.a\\n2026-11-24 forged\\x1b[2J value=1",
          "&el=a%0A2026-11-24%20forged%1B%5B2J&"},
     };
     for (const auto& row : rows) {

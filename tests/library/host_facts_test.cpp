@@ -12,8 +12,7 @@ using namespace usemeter_test;
 
 namespace {
 
-// The name comes from the PRETTY_NAME line of os-release, else the first line of redhat-release
-// as it stands, else a fixed text. Missing files and directories read as nothing.
+// PRETTY_NAME of os-release, else redhat-release's first line as is, else a fixed text; missing = empty.
 TEST(os_name, each_release_file_is_read_as_its_format_says_in_order)
 {
     const char* const missing = nullptr;
@@ -41,14 +40,13 @@ TEST(os_name, each_release_file_is_read_as_its_format_says_in_order)
         return !content ? dir / "missing" : *content == '<' ? dir.path() : dir / name;
     };
     for (const auto& row : rows)
-        EXPECT_EQ(get_os_name_from(place(row.os, "os").c_str(),
-                                   place(row.redhat, "rh").c_str()), row.expected) << &row - rows;
+        EXPECT_EQ(get_os_name_from(place(row.os, "os").c_str(), place(row.redhat, "rh").c_str()), row.expected)
+            << &row - rows;
     EXPECT_EQ(get_os_name(), get_os_name_from("/etc/os-release", "/etc/redhat-release"));
     EXPECT_EQ(get_name_from_etc_os_release(), get_name_from_os_release_file("/etc/os-release"));
 }
 
-// The first 16 bytes of the source, raw, in order, upper case and grouped; a short or
-// unreadable source gives empty.
+// The first 16 bytes raw, upper case, grouped; a short or unreadable source (a directory) gives empty.
 TEST(uuid, the_source_is_formatted_raw_and_a_short_or_unreadable_one_gives_empty)
 {
     unsigned char counting[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
@@ -60,32 +58,28 @@ TEST(uuid, the_source_is_formatted_raw_and_a_short_or_unreadable_one_gives_empty
     const std::pair<std::string, const char*> rows[] = {
         {dir / "long", "ABABABAB-ABAB-ABAB-ABAB-ABABABABABAB"},
         {"/dev/zero", "00000000-0000-0000-0000-000000000000"},
-        {dir / "short", ""},
-        {dir / "missing", ""},
-        {dir.path(), ""},  // a directory opens but cannot be read
+        {dir / "short", ""}, {dir / "missing", ""}, {dir.path(), ""},
     };
     for (const auto& row : rows)
         EXPECT_EQ(generate_uuid4_from(row.first.c_str()), row.second) << row.first;
 }
 
-// One second past the largest signed 32-bit time exists only where time_t is wider. Comparisons
-// use the epoch time only: the invalid mark (-1) sorts between -2 and 0.
-TEST(datetime, parse_prints_back_normalised_and_refuses_what_does_not_scan)
+// UTC whatever the time zone. 2038-01-19T03:14:08Z exists only with a wider time_t. Comparisons use
+// the epoch time only: the invalid mark (-1) sorts between -2 and 0.
+TEST(datetime, parse_prints_back_normalised_now_and_file_time_in_utc)
 {
+    scoped_env_t zone("TZ", "ABC-10");
+    ::tzset();
     const char* const after_2038 = sizeof(std::time_t) > 4 ? "2038-01-19T03:14:08Z" : "";
     const std::pair<const char*, const char*> rows[] = {  // text, printed ("" when invalid)
-        {"2015-06-30T23:59:59Z", "2015-06-30T23:59:59Z"},
-        {"1970-01-01T00:00:00Z", "1970-01-01T00:00:00Z"}, {"2015-06-30T23:59:59", "2015-06-30T23:59:59Z"},
-        {"2024-3-7T5:6:9Z", "2024-03-07T05:06:09Z"},       // widths are maxima
+        {"2015-06-30T23:59:59Z", "2015-06-30T23:59:59Z"}, {"1970-01-01T00:00:00Z", "1970-01-01T00:00:00Z"},
+        {"2015-06-30T23:59:59", "2015-06-30T23:59:59Z"}, {"2024-3-7T5:6:9Z", "2024-03-07T05:06:09Z"},  // maxima
         {"2015-06-30T23:59:59X", "2015-06-30T23:59:59Z"},  // the Z is never checked
-        {"2015-02-30T00:00:00Z", "2015-03-02T00:00:00Z"},  // normalised like timegm
-        {"2015-00-10T00:00:00Z", "2014-12-10T00:00:00Z"}, {"2015-06-30T24:00:60Z", "2015-07-01T00:01:00Z"},
-        {"1969-12-31T23:59:58Z", "1969-12-31T23:59:58Z"},
+        {"2015-02-30T00:00:00Z", "2015-03-02T00:00:00Z"}, {"2015-00-10T00:00:00Z", "2014-12-10T00:00:00Z"},
+        {"2015-06-30T24:00:60Z", "2015-07-01T00:01:00Z"}, {"1969-12-31T23:59:58Z", "1969-12-31T23:59:58Z"},
         {"1969-12-31T23:59:59Z", ""},  // epoch time -1 is the invalid mark
         {"2038-01-19T03:14:07Z", "2038-01-19T03:14:07Z"}, {"2038-01-19T03:14:08Z", after_2038},
-        {"2015-06-30T23:59:59Z ", ""},  // 21 characters
-        {"2015-06-30T23:59", ""},       // five fields
-        {"2015/06/30T23:59:59Z", ""}, {"", ""},
+        {"2015-06-30T23:59:59Z ", ""}, {"2015-06-30T23:59", ""}, {"2015/06/30T23:59:59Z", ""}, {"", ""},
     };
     for (const auto& row : rows) {
         const datetime_t value = datetime_t::parse(row.first);
@@ -99,20 +93,14 @@ TEST(datetime, parse_prints_back_normalised_and_refuses_what_does_not_scan)
     EXPECT_TRUE(later == same_instant && !(later != same_instant) && later > epoch);
     EXPECT_FALSE(later < epoch || epoch > later || later > same_instant || later < same_instant);
     EXPECT_TRUE(epoch < later && invalid < epoch && before < invalid);
-}
-
-TEST(datetime, now_and_file_time_are_utc_whatever_the_time_zone)
-{
-    scoped_env_t zone("TZ", "ABC-10");
-    ::tzset();
     const auto utc = [](std::time_t clock) {
         std::tm fields = {};
         char text[32];
         std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", ::gmtime_r(&clock, &fields));
         return std::string(text);
     };
-    const std::string before = utc(std::time(nullptr)), now = datetime_t::now().as_string();
-    EXPECT_TRUE(before <= now && now <= utc(std::time(nullptr))) << now;
+    const std::string earlier = utc(std::time(nullptr)), now = datetime_t::now().as_string();
+    EXPECT_TRUE(earlier <= now && now <= utc(std::time(nullptr))) << now;
     temp_dir_t dir;
     write_file(dir / "stamped", "x");
     const timeval stamps[2] = {{0, 0}, {1435708799, 0}};
@@ -129,18 +117,13 @@ TEST(filelock, an_empty_file_beside_the_guarded_one_that_only_its_holder_removes
     auto second = std::make_unique<filelock_t>(guarded);
     EXPECT_FALSE(file_exists(lock_file));  // construction touches nothing
     const long descriptors = count_entries("/proc/self/fd");
-    ASSERT_TRUE(first.lock());
-    EXPECT_TRUE(first.lock());  // taking a held lock again is harmless
+    ASSERT_TRUE(first.lock() && first.lock());  // taking a held lock again is harmless
     EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);
-    EXPECT_TRUE(file_exists(lock_file) && read_file(lock_file).empty());
-    EXPECT_EQ(count_entries(dir.path()), 1);
-
-    EXPECT_FALSE(second->lock());
-    EXPECT_FALSE(second->is_locked());
+    EXPECT_TRUE(read_file(lock_file).empty() && count_entries(dir.path()) == 1);
+    EXPECT_FALSE(second->lock() || second->is_locked());
     second->unlock();
     filelock_t(guarded).lock();  // a failed attempt, destroyed at once
     EXPECT_TRUE(file_exists(lock_file)) << "a non-holder deleted the holder's file";
-
     first.unlock();
     EXPECT_FALSE(file_exists(lock_file));
     ASSERT_TRUE(second->lock());

@@ -1,5 +1,4 @@
-// The connector against loopback collectors: what reaches them, the candidate routes and
-// bounded destruction whatever the route does.
+// The connector against loopback collectors: what reaches them, the routes, bounded destruction.
 #include "library/library_test.hpp"
 #include "usemeter/sys/http_connector.hpp"
 
@@ -12,13 +11,12 @@ using collector_fault_t = std::function<void(loopback_collector_t&)>;
 strings_t numbered_bodies(int count)
 {
     strings_t bodies;
-    for (int i = 0; i < count; ++i)
-        bodies.push_back("v=1&n=" + std::to_string(i));
+    while (int(bodies.size()) < count)
+        bodies.push_back("v=1&n=" + std::to_string(bodies.size()));
     return bodies;
 }
 
-// Every test starts without the developer's proxy settings; http_proxy is set (if at all)
-// before a connector exists, because its worker reads it when it starts.
+// No developer's proxy settings; http_proxy is set before a connector exists: its worker reads it once.
 class http_connector : public ::testing::Test {
 protected:
     clean_env_t clean_env;
@@ -32,8 +30,7 @@ protected:
     }
 };
 
-// With one candidate, the first body that fails switches delivery off for good. An empty body
-// is the stop marker: nothing after it is sent.
+// With one candidate, the first failed body ends delivery for good; so does an empty body (stop marker).
 TEST_F(http_connector, the_first_failure_or_the_stop_marker_ends_delivery)
 {
     const struct { const char* name; collector_fault_t fault; strings_t posted; } cases[] = {
@@ -53,9 +50,8 @@ TEST_F(http_connector, the_first_failure_or_the_stop_marker_ends_delivery)
     }
 }
 
-// Two candidates per body, then delivery is off. An empty "http_proxy" is a candidate of its
-// own; a set one is also what libcurl's own route (the null proxy) follows, so the target is
-// never contacted directly. Only the lower-case variable counts, verbatim.
+// Two candidates per body, then delivery is off. An empty "http_proxy" is a candidate too; a set one is
+// also libcurl's own route, so the target is never contacted directly. Only the lower-case name counts.
 TEST_F(http_connector, tries_both_candidates_once_before_giving_up)
 {
     loopback_collector_t proxy, target, upper_case;
@@ -67,23 +63,20 @@ TEST_F(http_connector, tries_both_candidates_once_before_giving_up)
         start(target.url(), numbered_bodies(3));
         connector.reset();
     }
-    EXPECT_EQ(target.bodies(), strings_t(2, "v=1&n=0"));
-    EXPECT_EQ(proxy.bodies(), strings_t(2, "v=1&n=0"));
+    EXPECT_TRUE(target.bodies() == strings_t(2, "v=1&n=0") && proxy.bodies() == target.bodies());
     EXPECT_EQ(proxy.requests().at(0).target, target.url());
     EXPECT_EQ(upper_case.request_count(), 0u);
 }
 
-// The proxy fails while the route without an explicit proxy works: the connector moves there
-// and stays. "http_proxy" is unset once the worker has read it (the first request reaching the
-// held proxy proves it), so libcurl's route is direct. no_proxy names everything, yet the
-// explicit candidate goes through the proxy. A refused direct route ends delivery.
+// The proxy fails while the route without an explicit proxy works: the connector moves there and stays
+// ("http_proxy" unset once read: libcurl's route is direct; no_proxy "*" leaves the explicit candidate
+// on the proxy). A refused direct route ends delivery.
 TEST_F(http_connector, moves_to_the_direct_route_when_the_proxy_fails_and_stays)
 {
     const struct { const char* name; collector_fault_t fail; bool direct_listens; } cases[] = {
         {"502", [](loopback_collector_t& p) { p.answer(502); }, true},
         {"connection reset", [](loopback_collector_t& p) { p.reset_connections(); }, true},
-        {"refused direct", [](loopback_collector_t& p) { p.answer(500); }, false},
-    };
+        {"refused direct", [](loopback_collector_t& p) { p.answer(500); }, false}};
     for (const auto& c : cases) {
         loopback_collector_t direct, proxy;
         proxy.hold(0ms);

@@ -1,5 +1,4 @@
-// What the library's test files share: the doubles, the log capture, the units' headers and the
-// days-of-use file a test plants.
+// What the library's test files share: doubles, log capture, the units' headers, days-of-use files.
 #ifndef USEMETER_TESTS_LIBRARY_TEST_HPP
 #define USEMETER_TESTS_LIBRARY_TEST_HPP
 

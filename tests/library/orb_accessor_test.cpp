@@ -1,5 +1,4 @@
-// The bridge to the support tools: their arguments and answers, how a run ends, where a tool
-// is found, and the identifier exchange file.
+// The bridge to the support tools: arguments, answers, how a run ends, where a tool is, the exchange file.
 #include "library/library_test.hpp"
 
 namespace {
@@ -12,8 +11,7 @@ const tool_t consent = orb_accessor_impl_t::tool_consent_check;
 // Where the bridge looks below $HOME, indexed by tool.
 const char* const home_paths[] = {monitor_in_home, "norvel/orb/orb", "norvel/orb/bin/ia32/checkOPTINconsent"};
 const char* const logger_name = "usemeter.orb_accessor";
-const std::string default_guid = "{00000000-0000-0000-0000-000000000000}";
-const std::string missing = "<no tool>";
+const std::string default_guid = "{00000000-0000-0000-0000-000000000000}", missing = "<no tool>";
 
 std::string exchange_name(int n, const char* ext = ".txt")
 { return "uuid-" + std::to_string(::getpid()) + "-" + std::to_string(n) + ext; }
@@ -32,14 +30,12 @@ protected:
     orb_accessor_impl_t bridge_;
 };
 
-// Each operation's exact arguments and how it reads the answer; with a switch variable set
-// (content never matters) the tools stay silent and disallowed calls read as success.
+// Each operation's exact arguments and answer; with a switch variable set (content never matters) the
+// tools stay silent and disallowed calls read as success.
 TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
 {
-    const std::string sent = home_ / "sent.dat";
-    const std::string consume = on_argument("-m", "rm -f -- \"$2\"");
-    const char* const no_orb = "USEMETER_DISABLE_ORB";
-    const char* const no_updates = "NORVEL_DISABLE_UPDATES_CHECK";
+    const std::string sent = home_ / "sent.dat", consume = on_argument("-m", "rm -f -- \"$2\"");
+    const char *const no_orb = "USEMETER_DISABLE_ORB", *const no_updates = "NORVEL_DISABLE_UPDATES_CHECK";
     scoped_env_t orb_on(no_orb, ""), updates_on(no_updates, "");  // set but empty: unset
     const auto send = [=](bool f) { return [=] { return bridge_.send_file(sent, f); }; };
     const auto crash = [=](bool f) { return [=] { return bridge_.send_crash_report(sent, f); }; };
@@ -49,10 +45,8 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
     const auto gui_start = [&] { bridge_.notify_gui_start(); return has_children(); };
     const auto updates = [&] { bridge_.check_for_updates(default_guid); return has_children(); };
     const auto uuid = [&] { return bridge_.get_uuid().empty(); };
-    struct row_t {
-        tool_t tool; std::string sh; std::function<bool()> op; bool ok; strings_t args;
-        const char* switched_off = nullptr; std::string logged = "";
-    };
+    struct row_t { tool_t tool; std::string sh; std::function<bool()> op; bool ok; strings_t args;
+                   const char* switched_off = nullptr; std::string logged = ""; };
     const std::string orb_off = "Return 'false' - USEMETER_DISABLE_ORB is set";
     const row_t rows[] = {
         // A file counts as sent when the tool consumed it, whatever the exit status.
@@ -61,8 +55,7 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
         {monitor, missing, send(false), false, {}, nullptr, "Failed to find orb location"},
         {monitor, consume + "exit 3", crash(false), true, {"-t", "i", "-e", "crash", "-m", sent}},
         {monitor, "", crash(true), false, {"-t", "i", "-e", "crash", "-f", "-m", sent}},
-        {monitor, "exit 5", usage, true, {"-t", "i", "-b"}},
-        {monitor, missing, usage, false, {}},
+        {monitor, "exit 5", usage, true, {"-t", "i", "-b"}}, {monitor, missing, usage, false, {}},
         {consent, "", feedback, true, {"-g"}, nullptr, "return: feedback enabled"},
         {consent, "exit 1", feedback, false, {"-g"}, nullptr, "return: feedback disabled"},
         {consent, missing, feedback, false, {}},
@@ -71,10 +64,8 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
         {monitor, "", uuid, true, {"-u", tmp_ / exchange_name(1)}},
         {main_tool, "", updates, false, {}, no_updates, "Check for updates disabled."},
         {monitor, consume, send(false), false, {}, no_orb, orb_off},
-        {monitor, missing, send(true), true, {}, no_orb},
-        {monitor, "exit 5", usage, true, {}, no_orb},
-        {consent, "exit 1", feedback, true, {}, no_orb},
-        {consent, "", gui_start, false, {}, no_orb},
+        {monitor, missing, send(true), true, {}, no_orb}, {monitor, "exit 5", usage, true, {}, no_orb},
+        {consent, "exit 1", feedback, true, {}, no_orb}, {consent, "", gui_start, false, {}, no_orb},
         {monitor, writing_uuid("ID"), uuid, true, {}, no_orb},
     };
     for (const row_t& row : rows) {
@@ -97,17 +88,15 @@ TEST_F(bridge_test, operations_pass_their_exact_arguments_and_read_the_answers)
 }
 
 // The exit status or -1; a run is logged with its unquoted command line.
-TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
+TEST_F(bridge_test, invoke_orb_answers_the_exit_status_or_minus_one_and_finds_tools_in_order)
 {
-    // A caught signal without SA_RESTART breaks the caller's wait with EINTR; the last row's
-    // tool keeps sending one for half a second.
-    struct sigaction action {}, old_action {};
+    // A caught signal without SA_RESTART breaks the wait with EINTR; the last row's tool sends some.
+    struct sigaction action {};
     action.sa_handler = [](int) {};
-    ASSERT_EQ(::sigaction(SIGUSR1, &action, &old_action), 0);
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
     const struct { const char* body; mode_t mode; bool sync; int expected; } rows[] = {
-        {"exit 0", 0755, true, 0},         {"exit 7", 0755, true, 7},
-        {nullptr, 0755, true, -1},         {"exit 7", 0644, true, 255},  // exec fails
-        {"kill -KILL $$", 0755, true, -1}, {"exit 7", 0755, false, 0},
+        {"exit 0", 0755, true, 0}, {"exit 7", 0755, true, 7}, {nullptr, 0755, true, -1}, {"exit 7", 0755, false, 0},
+        {"exit 7", 0644, true, 255}, {"kill -KILL $$", 0755, true, -1},  // 255: exec failed
         {"for i in 1 2 3 4 5 6 7 8; do kill -USR1 $PPID; sleep .06; done; exit 6", 0755, true, 6},
     };
     for (const auto& row : rows) {
@@ -127,29 +116,23 @@ TEST_F(bridge_test, invoke_orb_answers_with_the_exit_status_or_minus_one)
         }
     }
     EXPECT_EQ(bridge_.invoke_orb(static_cast<tool_t>(3), {}, true), -1);
-    ::sigaction(SIGUSR1, &old_action, nullptr);
-}
-
-TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_quiet_misses)
-{
-    // A miss is an error unless the locations service asks for a quiet lookup.
+    // Looked up in HOME, then the system, then the flat override; a miss is an error unless the locations
+    // service asks for a quiet lookup.
     for (const int service : {0, 1, 2}) {  // none, a plain one, a quiet one
         prodenv::IProductLocations::set(service ? &locations_ : nullptr);
         locations_.quiet_lookup = service == 2;
         log_capture_t log(logger_name);
         EXPECT_EQ(bridge_.invoke_orb(main_tool, {}, false), -1);
-        EXPECT_EQ(log.messages().back().rfind("Failed to find orb location, at file: ", 0) == 0,
-                  service != 2);
+        EXPECT_EQ(log.messages().back().rfind("Failed to find orb location, at file: ", 0) == 0, service != 2);
     }
     temp_dir_t override_dir;
     scoped_env_t override_env("NORVEL_ORBTOOL_DIR", override_dir.path().c_str());
-    const std::string in_home = home_ / home_paths[monitor];
-    const std::string direct = override_dir / "norvelremotemon";
-    const struct { bool home_tool, home_set; std::string override_tool, expected; } rows[] = {
+    const std::string in_home = home_ / home_paths[monitor], direct = override_dir / "norvelremotemon";
+    const struct { bool home_tool, home_set; std::string override_tool, expected; } places[] = {
         {true, true, direct, in_home}, {false, true, direct, direct}, {true, false, direct, direct},
         {false, true, override_dir / "orb/bin/ia32/norvelremotemon", ""},
     };
-    for (const auto& row : rows) {
+    for (const auto& row : places) {
         std::optional<fake_tool_t> home_tool;
         if (row.home_tool)
             home_tool.emplace(in_home);
@@ -159,14 +142,13 @@ TEST_F(bridge_test, lookup_order_home_then_system_then_the_flat_override_and_qui
     }
 }
 
-// The first line as written, from an exchange file that is gone afterwards; busy locks and
-// planted names are passed over, 19 at most; without a temporary directory nothing is tried.
+// The first line as written, the exchange file gone afterwards; busy locks and planted names are passed
+// over, 19 at most; without a temporary directory nothing is tried.
 TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
 {
     const std::pair<std::string, std::string> rows[] = {
         {"0F1E2D3C-4B5A\nsecond line\n", "0F1E2D3C-4B5A"}, {"", ""}, {"no newline", "no newline"},
-        {" kept as written \r\nx", " kept as written \r"},
-    };
+        {" kept as written \r\nx", " kept as written \r"}};
     for (const auto& row : rows) {
         const fake_tool_t tool(home_ / home_paths[monitor], writing_uuid(row.first));
         log_capture_t log(logger_name);
@@ -174,7 +156,6 @@ TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
         EXPECT_EQ(log.messages().back(), "return: uuid = " + row.second);
         EXPECT_EQ(count_entries(tmp_.path()), 0);
     }
-    // A name planted by someone else is passed over, never written through.
     const fake_tool_t tool(home_ / home_paths[monitor], writing_uuid("ID\n"));
     const std::string victim = home_ / "victim.txt", planted = tmp_ / exchange_name(1);
     using plant_t = int (*)(const char*, const char*);
@@ -200,10 +181,9 @@ TEST_F(bridge_test, get_uuid_reads_the_first_line_of_a_locked_exchange_file)
         prodenv::IProductLocations::set(service ? &locations_ : nullptr);
         log_capture_t log(logger_name);
         EXPECT_EQ(bridge_.get_uuid(), "");
+        const std::string why = service ? "->getTempDir() returned empty path" : " is NULL";
         EXPECT_EQ(log.messages().size(), 2u);
-        EXPECT_TRUE(log.contains_start(service ? "prodenv::IProductLocations::get()->getTempDir() "
-                                                 "returned empty path"
-                                               : "prodenv::IProductLocations::get() is NULL"));
+        EXPECT_TRUE(log.contains_start("prodenv::IProductLocations::get()" + why));
         EXPECT_EQ(log.messages().back(), "return: empty string");
     }
 }

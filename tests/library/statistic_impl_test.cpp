@@ -1,5 +1,4 @@
-// The policy core: which settings enable statistics, the identifier, consent and the per-user
-// directories; the corporate name look-up's verdict.
+// The policy core: what enables statistics, the identifier, consent, per-user directories, the look-up.
 #include <arpa/inet.h>
 #include <regex>
 
@@ -15,7 +14,6 @@ using namespace usemeter_test;
 
 namespace {
 
-// The smallest concrete policy object.
 struct probe_t : statistic_impl_t {
     probe_t(const std::string& product = "trovix") : statistic_impl_t(product, "1.0") {}
     void notify_feature_usage_ex(const std::string&, unsigned long long) override {}
@@ -30,8 +28,7 @@ struct probe_t : statistic_impl_t {
 
 const char* const unreachable = "resolver-unreachable";  // plays a resolver out of reach
 
-// Replaces whatever is at path: "<missing>" leaves nothing, "<dir>" a directory, "<endless>"
-// a file that never ends (read only as far as the decision needs).
+// Replaces whatever is at path: "<missing>" leaves nothing, "<dir>" a directory, "<endless>" no end.
 void place(const std::string& path, const std::string& content)
 {
     boost::filesystem::remove_all(path);
@@ -61,10 +58,9 @@ protected:
     const std::string optin = home / "norvel/optin";
 };
 
-// Environment x network x consent. The first step set decides (each adjacent pair is set
-// together somewhere); content never counts, empty is unset. The look-up and the consent file
-// count only when the environment leaves it open; of the file only a first token "1" grants.
-// The name asked for is numeric in every build with tests: no test reaches a DNS server.
+// Environment x network x consent. The first step set decides (each adjacent pair set together
+// somewhere); content never counts, empty is unset. The look-up (numeric: no DNS server is asked) and the
+// file count only when the environment leaves it open; of the file only a first token "1" grants.
 TEST_F(policy, enablement_table)
 {
     const strings_t forcing = {"Return 'evsEnabledForced' - NORVEL_FORCE_FEEDBACK is set",
@@ -73,21 +69,20 @@ TEST_F(policy, enablement_table)
         return strings_t{"Return 'evsDisabled' - " + std::string(steps[step]) + " is set",
                          "Return 'false' - statistic disabled due to environment variables"};
     };
-    const strings_t yes = {env_on, env_on, read, "optin file enables statistic"};
-    const strings_t no = {env_on, env_on, read, "optin file disables statistic"};
-    const strings_t none = {env_on, env_on, "optin file missing/not readable"};
+    const strings_t yes = {env_on, env_on, read, "optin file enables statistic"},
+                    no = {env_on, env_on, read, "optin file disables statistic"},
+                    none = {env_on, env_on, "optin file missing/not readable"};
     // Values for steps (null: unset), consent for place(), messages without the enter/exit traces.
     const struct { const char* values[4]; const char* node; std::string consent; strings_t messages; } rows[]{
         {{"1"}, "127.0.0.1", "1", off(0)}, {{"0", "1"}, "127.0.0.1", "1", off(0)},
-        {{nullptr, " ", "1"}, "127.0.0.1", "1", off(1)},
-        {{nullptr, nullptr, "no", "1"}, "127.0.0.1", "1", off(2)},
+        {{nullptr, " ", "1"}, "127.0.0.1", "1", off(1)}, {{nullptr, nullptr, "no", "1"}, "127.0.0.1", "1", off(2)},
         {{nullptr, nullptr, nullptr, "0"}, "10.1.2.3", "0", forcing},
         {{"", "", "", "1"}, unreachable, "<missing>", forcing},
         {{"", "", "", ""}, "10.1.2.3", "1", {env_on, "Return 'false' - excluded network"}},
-        {{}, unreachable, "1", {env_on, "Return 'false' - network error"}},
-        {{}, "127.0.0.1", "1\n", yes}, {{}, "::1", "0", no}, {{}, "127.0.0.1", "<missing>", none},
-        {{}, "127.0.0.1", "<dir>", none}, {{}, "127.0.0.1", "\n\t 1 0", yes}, {{}, "127.0.0.1", "10", no},
-        {{}, "127.0.0.1", "", no}, {{}, "127.0.0.1", " \n", no}, {{}, "127.0.0.1", "<endless>", no},
+        {{}, unreachable, "1", {env_on, "Return 'false' - network error"}}, {{}, "127.0.0.1", "1\n", yes},
+        {{}, "::1", "0", no}, {{}, "127.0.0.1", "<missing>", none}, {{}, "127.0.0.1", "<dir>", none},
+        {{}, "127.0.0.1", "\n\t 1 0", yes}, {{}, "127.0.0.1", "10", no}, {{}, "127.0.0.1", "", no},
+        {{}, "127.0.0.1", " \n", no}, {{}, "127.0.0.1", "<endless>", no},
         {{}, "127.0.0.1", std::string("\x01\xff\x00" "1", 4), no},
     };
     make_dirs(home / "norvel");
@@ -112,31 +107,15 @@ TEST_F(policy, enablement_table)
               (std::vector<int>{0, AF_UNSPEC, SOCK_DGRAM, 17}));
 }
 
-// Only NORVEL_DONOTSEND_FEEDBACK refuses files; only NORVEL_FORCE_FEEDBACK answers consent.
-TEST_F(policy, send_files_and_consent_from_the_environment)
-{
-    const std::string refused = "Return 'true' - NORVEL_DONOTSEND_FEEDBACK is enabled";
-    probe_t probe;
-    for (int step = 0; step < 4; ++step) {
-        scoped_env_t variable(steps[step], "1");
-        log_capture_t log("usemeter.statistic");
-        EXPECT_EQ(probe.is_send_files_disabled(), step == 1) << steps[step];
-        EXPECT_EQ(log.messages(), strings_t{step == 1 ? refused : "Return 'false'"});
-        EXPECT_EQ(probe.get_user_consent(), step == 3 ? 1 : 2) << steps[step];
-    }
-}
-
-// A forced identifier bypasses the file and is settled before the decision. Without a file that
-// loads, a fresh one is saved as the bag's only entry and reused; a bag that loads is trusted
-// and never rewritten, even without a string UUID (then nothing is sent).
+// A forced identifier bypasses the file, settled before the decision. Without a file that loads, a fresh
+// one is saved alone and reused; a bag that loads is trusted, never rewritten, even without a UUID.
 TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
 {
     scoped_env_t forced_on("NORVEL_FORCE_FEEDBACK", "1");
     {
         scoped_env_t forced("NORVEL_FORCE_UUID", "any text at all");
         probe_t probe;
-        EXPECT_EQ(probe.get_uuid(), "any text at all");
-        EXPECT_TRUE(probe.enabled()) << "the identifier is settled before the decision";
+        EXPECT_TRUE(probe.get_uuid() == "any text at all" && probe.enabled()) << "settled before the decision";
         EXPECT_FALSE(file_exists(uuid_xml()));
     }
     enum outcome_t { kept, blank, replaced };
@@ -144,6 +123,7 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
         {"<missing>", replaced}, {"", replaced}, {std::string("\x00\xff\xfe<bag>\x01", 8), replaced},
         {"<bag><UUID type=\"string\">", replaced}, {"<other><UUID type=\"string\">X</UUID></other>", replaced},
         {"<bag><other type=\"string\">x</other></bag>", blank}, {"<bag><UUID type=\"int\">7</UUID></bag>", blank},
+        {"<bag><UUID type=\"blob\">41</UUID></bag>", blank},  // a string only
         {"<bag><UUID type=\"string\">short</UUID></bag>", kept},
     };
     for (const auto& row : rows) {
@@ -154,51 +134,52 @@ TEST_F(policy, identifier_is_forced_created_reused_or_trusted)
         const std::string uuid = probe.get_uuid();
         EXPECT_EQ(probe.enabled(), row.second != blank);
         if (row.second == replaced) {
-            EXPECT_TRUE(std::regex_match(uuid, uuid_form)) << uuid;
+            EXPECT_TRUE(std::regex_match(uuid, uuid_form) && probe_t().get_uuid() == uuid) << uuid;
             EXPECT_EQ(read_file(uuid_xml()), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<bag>\n"
                                              "  <UUID type=\"string\">" + uuid + "</UUID>\n</bag>\n");
-            EXPECT_EQ(probe_t().get_uuid(), uuid);
             continue;
         }
         EXPECT_EQ(read_file(uuid_xml()), row.first);
         EXPECT_EQ(uuid, row.second == kept ? "short" : "");
-        const strings_t blank_uuid = {"Return 'false' - empty uuid. reporting disabled"};
-        EXPECT_TRUE(row.second == kept || log.messages() == blank_uuid);
+        EXPECT_TRUE(row.second == kept ||
+                    log.messages() == strings_t{"Return 'false' - empty uuid. reporting disabled"});
     }
 }
 
-// The answer replaces the file (a planted link too), the user's alone; a failed write (a full
-// disk) keeps the answer on record; without its directory nothing is written, silently.
+// The answer replaces the file (a link too), the user's alone; a failed write keeps it on record; without
+// its directory nothing is written.
 TEST_F(policy, consent_writes_one_byte_and_refreshes_the_decision)
 {
     probe_t probe;
-    EXPECT_FALSE(probe.enabled());
-    const std::string victim = home / "victim";
-    write_file(victim, "precious");
-    ASSERT_EQ(::symlink(victim.c_str(), optin.c_str()), 0);
+    write_file(home / "victim", "precious");
+    ASSERT_EQ(::symlink((home / "victim").c_str(), optin.c_str()), 0);
     for (bool enabled : {false, true}) {
         probe.set_statistic_collection_enabled(enabled);
         EXPECT_EQ(read_file(optin), enabled ? "1" : "0");
         EXPECT_EQ(boost::filesystem::status(optin).permissions(), owner_only);
-        EXPECT_EQ(probe.get_user_consent(), enabled ? 1 : 2);
-        EXPECT_EQ(probe.enabled(), enabled);
+        EXPECT_TRUE(probe.get_user_consent() == (enabled ? 1 : 2) && probe.enabled() == enabled);
     }
-    EXPECT_EQ(read_file(victim), "precious");
+    EXPECT_EQ(read_file(home / "victim"), "precious");
     host.files_fail = true;
     probe.set_statistic_collection_enabled(false);
     EXPECT_EQ(probe.get_user_consent(), 1);
     host.files_fail = false;
+    // Only NORVEL_DONOTSEND_FEEDBACK refuses files; only NORVEL_FORCE_FEEDBACK answers consent.
+    for (int step = 0; step < 4; ++step) {
+        scoped_env_t variable(steps[step], "1");
+        log_capture_t log("usemeter.statistic");
+        EXPECT_EQ(probe.is_send_files_disabled(), step == 1) << steps[step];
+        EXPECT_EQ(log.messages(), strings_t{step == 1 ? "Return 'true' - NORVEL_DONOTSEND_FEEDBACK is enabled"
+                                                      : "Return 'false'"});
+        EXPECT_EQ(probe.get_user_consent(), step == 3 ? 1 : 2) << steps[step];
+    }
     boost::filesystem::remove_all(home / "norvel");
-    log_capture_t log("usemeter.statistic");
     probe.set_statistic_collection_enabled(true);
-    EXPECT_FALSE(file_exists(optin));
-    EXPECT_FALSE(probe.enabled());
-    EXPECT_EQ(log.messages(), (strings_t{env_on, env_on, "optin file missing/not readable"}));
+    EXPECT_FALSE(file_exists(optin) || probe.enabled());
 }
 
-// The product directory comes from the locations service, else the product name; the consent
-// file is shared. HOME unset or empty means the working directory. A product name that is no
-// single directory name, or a HOME that is a file (root ignores permission bits), leaves
+// The product directory from the locations service, else the product name; HOME unset or empty is the
+// working directory. A product name that is no single directory name, or a HOME that is a file, leaves
 // statistics off with one record saying why.
 TEST_F(policy, per_user_paths_or_a_silent_object)
 {
@@ -210,31 +191,26 @@ TEST_F(policy, per_user_paths_or_a_silent_object)
         EXPECT_EQ(probe_t("myprod").optin(), optin);
         EXPECT_TRUE(file_exists(uuid_xml("ProdDir")));
     }
-    const std::string previous = boost::filesystem::current_path().string();
     for (const char* value : {static_cast<const char*>(nullptr), ""}) {
         temp_dir_t cwd;
-        ASSERT_EQ(::chdir(cwd.path().c_str()), 0);
+        ASSERT_EQ(::chdir(cwd.path().c_str()), 0);  // each case is a process of its own
         scoped_env_t home_var("HOME", value);
         EXPECT_EQ(probe_t().optin(), "./norvel/optin");
         EXPECT_TRUE(file_exists(cwd / "norvel/trovix/settings/statistic/uuid.xml"));
-        EXPECT_EQ(::chdir(previous.c_str()), 0);
-    }
-    for (const char* name : {"", ".", "..", "../../outside", "a/b", "x\n/"}) {
-        log_capture_t log("usemeter.statistic");
-        const probe_t probe(name);
-        EXPECT_FALSE(probe.enabled() || !probe.get_uuid().empty()) << name;
-        const std::string why = "statistic disabled: product name '" + rtbase::escape_controls(name) + "'";
-        EXPECT_EQ(log.messages(), strings_t{why + " cannot name a directory"});
     }
     write_file(home / "plain", "x");
-    {
-        scoped_env_t home_var("HOME", (home / "plain").c_str());
+    for (const char* name : {"", ".", "..", "../../outside", "a/b", "x\n/", "plain HOME"}) {
+        const bool plain = name == std::string("plain HOME");
+        scoped_env_t home_var("HOME", (plain ? home / "plain" : home.path()).c_str());
         log_capture_t log("usemeter.statistic");
-        probe_t probe;
-        EXPECT_FALSE(probe.enabled() || !probe.get_uuid().empty());
+        const probe_t probe(plain ? "trovix" : name);
+        EXPECT_FALSE(probe.enabled() || !probe.get_uuid().empty()) << name;
+        const std::string why = plain ? "statistic disabled: cannot prepare per-user directories: "
+                                      : "statistic disabled: product name '" + rtbase::escape_controls(name) + "'";
         const strings_t messages = log.messages(true);  // the decision is never taken
-        ASSERT_EQ(messages.size(), 1u);
-        EXPECT_EQ(messages[0].find("statistic disabled: cannot prepare per-user directories: "), 0u);
+        ASSERT_EQ(messages.size(), 1u) << name;
+        EXPECT_EQ(messages[0].find(why), 0u) << messages[0];
+        EXPECT_TRUE(plain || messages[0] == why + " cannot name a directory") << messages[0];
     }
     // An identifier file that cannot be replaced still yields one for this process.
     make_dirs(uuid_xml());
@@ -242,8 +218,7 @@ TEST_F(policy, per_user_paths_or_a_silent_object)
     EXPECT_TRUE(boost::filesystem::is_directory(uuid_xml()));
 }
 
-// A synthetic answer list, linked in order: IPv4 addresses, and for "v6" an IPv6 entry whose bytes
-// read 10.1.2.3 where an IPv4 address would lie, so that only the family decides.
+// Answer lists: IPv4 addresses, and "v6": an IPv6 entry reading 10.1.2.3 where IPv4 bytes would lie.
 int classify(int gai_error, const strings_t& entries)
 {
     std::vector<sockaddr_in> addresses(entries.size());
@@ -262,9 +237,9 @@ TEST(network_status, classifies_lookup_outcomes)
 {
     const int ok = usemeter::nsOk, error = usemeter::nsError, excluded = usemeter::nsExcludedNetwork;
     const struct { int gai_error; strings_t entries; int expected; } rows[] = {
-        {EAI_NONAME, {}, ok}, {EAI_NODATA, {}, ok}, {EAI_AGAIN, {}, error},
-        {EAI_FAIL, {}, error}, {EAI_SYSTEM, {}, error}, {0, {}, ok},
-        {0, {"v6", "v6"}, ok}, {0, {"127.0.0.1", "11.0.0.1", "9.255.255.255", "192.168.10.10"}, ok},
+        {EAI_NONAME, {}, ok}, {EAI_NODATA, {}, ok}, {EAI_AGAIN, {}, error}, {EAI_FAIL, {}, error},
+        {EAI_SYSTEM, {}, error}, {0, {}, ok}, {0, {"v6", "v6"}, ok}, {0, {"10.255.255.255"}, excluded},
+        {0, {"127.0.0.1", "11.0.0.1", "9.255.255.255", "192.168.10.10"}, ok},
         {0, {"v6", "127.0.0.1", "10.9.8.7", "172.16.0.1"}, excluded}, {0, {"10.0.0.0"}, excluded},
     };
     for (const auto& row : rows)

@@ -1,6 +1,5 @@
-// One feature use end to end: the facade, the flat C entry points and the backend, through the
-// connector to a loopback proxy named by "http_proxy" (both routes of the connector end there).
-// The feature-name grammar the facade offers hosts.
+// One feature use end to end (facade, C entry points, backend, connector) to a loopback proxy named by
+// "http_proxy"; the feature-name grammar.
 #include <curl/curl.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -17,10 +16,8 @@ namespace {
 
 std::string escaped(const std::string& text)
 {
-    char* escaped = ::curl_easy_escape(nullptr, text.c_str(), static_cast<int>(text.size()));
-    const std::string out = escaped;
-    ::curl_free(escaped);
-    return out;
+    const std::unique_ptr<char, void (*)(void*)> out(::curl_easy_escape(nullptr, text.c_str(), 0), ::curl_free);
+    return out.get();
 }
 
 class e2e : public ::testing::Test, protected loopback_user_t {
@@ -49,17 +46,16 @@ protected:
     }
 };
 
-// In reporting order; every other name carries a value that never reaches the wire; the version
-// goes raw. Four recent days of use on record mark the user active.
+// In reporting order; every other name carries a value that never reaches the wire; the version goes
+// raw. Four recent days of use on record mark the user active.
 TEST_F(e2e, each_name_becomes_the_predicted_hit_or_nothing)
 {
     write_file(home / history_in_home, history_xml({day(-4), day(-3), day(-2), day(-1)}));
     const std::pair<const char*, const char*> cases[] = {  // name, event fields or dropped
-        {"a.b.c", "ec=a.b&el=c"}, {"a.x.y", "ec=a&el=x.y"}, {"a", "ec=a"}, {"ab", nullptr},
-        {"a.", "ec=a"}, {"run.foo", "ec=run&el=foo"}, {"run.foo.bar", nullptr}, {"run.", "ec=run"},
-        {"run", nullptr}, {"gui.start now&then=1", "ec=gui&el=start%20now%26then%3D1"},
-        {"analysis_type.caf\xc3\xa9", "ec=analysis_type&el=caf%C3%A9"}, {"", nullptr},
-        {"scanner", nullptr},
+        {"a.b.c", "ec=a.b&el=c"}, {"a.x.y", "ec=a&el=x.y"}, {"a", "ec=a"}, {"ab", nullptr}, {"a.", "ec=a"},
+        {"run.foo", "ec=run&el=foo"}, {"run.foo.bar", nullptr}, {"run.", "ec=run"}, {"run", nullptr},
+        {"gui.start now&then=1", "ec=gui&el=start%20now%26then%3D1"},
+        {"analysis_type.caf\xc3\xa9", "ec=analysis_type&el=caf%C3%A9"}, {"", nullptr}, {"scanner", nullptr},
     };
     const std::string product = "trovix & co", version = "2016 Update 1&x=y";
     std::string prefix;
@@ -78,8 +74,7 @@ TEST_F(e2e, each_name_becomes_the_predicted_hit_or_nothing)
     EXPECT_EQ(bodies(), expected);
 }
 
-// The operations without a wire form send nothing. Disabled collection sends nothing, but
-// activity is still recorded and the call logged.
+// Operations without a wire form send nothing; disabled collection neither, yet records activity and logs.
 TEST_F(e2e, consent_given_at_run_time_takes_effect_at_once)
 {
     boost::filesystem::remove(home / "norvel/optin");
@@ -93,27 +88,24 @@ TEST_F(e2e, consent_given_at_run_time_takes_effect_at_once)
         backend.write_log_range_metric("gui.x", 1, 2);
         backend.notify_send_data(true);
         backend.notify_gui_start();
-        EXPECT_TRUE(backend.flush());
-        EXPECT_FALSE(backend.send_crash_report("/tmp/x"));
+        EXPECT_TRUE(backend.flush() && !backend.send_crash_report("/tmp/x"));
         backend.set_statistic_collection_enabled(false);
         backend.notify_feature_usage("run.refused");
     }
     const strings_t sent = bodies();
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_TRUE(has(sent[0], "&el=after&cd3=n"));
+    EXPECT_TRUE(sent.size() == 1 && has(sent[0], "&el=after&cd3=n"));
     EXPECT_EQ(read_file(home / "norvel/optin"), "0");
     scoped_env_t disable("NORVEL_STATISTICS_DISABLE", "0");
     log_capture_t log("usemeter.statistic");
     boost::filesystem::remove(home / history_in_home);
     write_file(home / "norvel/optin", "1");
     statistic_impl_ga_t("trovix", "2016").notify_feature_usage("gui.start");
-    EXPECT_EQ(proxy.request_count(), 1u);
-    EXPECT_TRUE(log.contains("feature_name=gui.start value=1"));
+    EXPECT_TRUE(proxy.request_count() == 1 && log.contains("feature_name=gui.start value=1"));
     EXPECT_TRUE(file_exists(home / history_in_home));
 }
 
-// One process-wide instance while held, versioned by the service; a guard reports entry at once
-// and exit at scope end; the last reference gone, the instance has delivered everything.
+// One process-wide instance while held, versioned by the service; guards report entry and exit; the
+// last reference gone, everything is delivered.
 TEST_F(e2e, facade_instance_lives_while_held_and_guards_report_entry_and_exit)
 {
     scoped_env_t force("NORVEL_FORCE_FEEDBACK", "1");
@@ -129,24 +121,17 @@ TEST_F(e2e, facade_instance_lives_while_held_and_guards_report_entry_and_exit)
     EXPECT_TRUE(released.expired());
     // No service: the version is unknown, and without a whitelist only plain runs are sent.
     locations.reset();
-    {
-        const boost::shared_ptr<statistic_t> unserved = statistic_t::get();
-        unserved->notify_feature_usage("gui.start");
-        unserved->notify_feature_usage("run.a");
-    }
-    const std::pair<const char*, const char*> expected[] = {
-        {"&av=2015.3.1&", "&ec=scan&el=begin&"}, {"&av=2015.3.1&", "&ec=scan&cd3="},
-        {"&av=2015.3.1&", "&ec=scan&cd3="}, {"&av=2015.3.1&", "&ec=scan&el=end&"},
-        {"&av=unknown&", "&ec=run&el=a&"},
-    };
+    for (const char* name : {"gui.start", "run.a"})
+        statistic_t::get()->notify_feature_usage(name);
+    const char* const events[] = {"&ec=scan&el=begin&", "&ec=scan&cd3=", "&ec=scan&cd3=", "&ec=scan&el=end&",
+                                  "&ec=run&el=a&"};
     const strings_t sent = bodies();
     ASSERT_EQ(sent.size(), 5u);
     for (std::size_t i = 0; i < 5; ++i)
-        EXPECT_TRUE(has(sent[i], expected[i].first) && has(sent[i], expected[i].second)) << sent[i];
+        EXPECT_TRUE(has(sent[i], i < 4 ? "&av=2015.3.1&" : "&av=unknown&") && has(sent[i], events[i])) << sent[i];
 }
 
-// Null handles are ignored; asked for consent until answered; two handles are two backends that
-// deliver before destruction, and the library keeps its own copy of a name.
+// Null handles ignored; consent asked until answered; a backend per handle; a name copied at once.
 TEST_F(e2e, flat_entry_points_ask_consent_once_and_keep_one_backend_per_handle)
 {
     EXPECT_EQ(usemeter_should_ask_user_consent(nullptr), 0);

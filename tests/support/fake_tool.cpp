@@ -16,19 +16,13 @@ fake_tool_t::fake_tool_t(const std::string& path, const std::string& body) : pat
     make_dirs(path.substr(0, path.rfind('/')));
     write_file(path, "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done > " +
                          shell_quote(path + ".args") + "\n" + body + "\n");
-    boost::filesystem::permissions(path, boost::filesystem::add_perms |
-                                             boost::filesystem::owner_exe);
+    boost::filesystem::permissions(path, boost::filesystem::add_perms | boost::filesystem::owner_exe);
 }
 
 fake_tool_t::~fake_tool_t()
 {
     ::unlink(path_.c_str());
     ::unlink((path_ + ".args").c_str());
-}
-
-bool fake_tool_t::ran() const
-{
-    return file_exists(path_ + ".args");
 }
 
 std::vector<std::string> fake_tool_t::args() const
@@ -56,12 +50,11 @@ std::string on_argument(const std::string& flag, const std::string& command)
 std::vector<int> reap_children()
 {
     std::vector<int> statuses;
-    for (int status = 0;;) {
+    for (int status = 0;;)
         if (::waitpid(-1, &status, 0) > 0)
             statuses.push_back(status);
         else if (errno != EINTR)
             return statuses;
-    }
 }
 
 bool has_children()

@@ -14,12 +14,9 @@ public:
     explicit fake_tool_t(const std::string& path, const std::string& body = "");
     ~fake_tool_t();
     fake_tool_t(const fake_tool_t&) = delete;
-    fake_tool_t& operator=(const fake_tool_t&) = delete;
 
     const std::string& path() const { return path_; }
-    bool ran() const;
-    // The last run's arguments, without the program name.
-    std::vector<std::string> args() const;
+    std::vector<std::string> args() const;  // the last run's, without the program name
 
 private:
     std::string path_;

@@ -1,6 +1,5 @@
-// The loopback stage of end-to-end tests: a collector that keeps nothing on disk and records
-// every hit request, and a user in a temporary HOME whose hits go to it as the proxy named by
-// "http_proxy", with collection forced on.
+// The loopback stage of end-to-end tests: a collector that records every hit request and keeps nothing,
+// and a user in a temporary HOME whose hits go to it as "http_proxy", collection forced on.
 #ifndef USEMETER_TESTS_LOOPBACK_USER_HPP
 #define USEMETER_TESTS_LOOPBACK_USER_HPP
 
@@ -41,10 +40,7 @@ public:
         return out;
     }
     std::size_t request_count() const { return hit_requests(); }
-    bool wait_for_requests(std::size_t n) const
-    {
-        return wait_for_hit_requests(n, std::chrono::seconds(20));
-    }
+    bool wait_for_requests(std::size_t n) const { return wait_for_hit_requests(n, std::chrono::seconds(20)); }
 
 private:
     static usemeter_collector::collector_options_t options()

@@ -12,11 +12,10 @@ namespace usemeter_test {
 
 namespace fs = boost::filesystem;
 
-scoped_env_t::scoped_env_t(const std::string& name, const char* value) : name_(name)
+scoped_env_t::scoped_env_t(const std::string& name, const char* value)
+    : name_(name), old_value_(std::getenv(name.c_str()) ? std::getenv(name.c_str()) : ""),
+      had_value_(std::getenv(name.c_str()) != nullptr)
 {
-    const char* old = std::getenv(name.c_str());
-    had_value_ = old != nullptr;
-    old_value_ = old ? old : "";
     value ? ::setenv(name.c_str(), value, 1) : ::unsetenv(name.c_str());
 }
 

@@ -16,18 +16,13 @@ public:
     ~scoped_env_t();
 
 private:
-    std::string name_;
+    std::string name_, old_value_;
     bool had_value_;
-    std::string old_value_;
 };
 
-// The variables that steer the library, unset for the object's lifetime so that the
-// developer's own environment cannot leak into a test.
-class clean_env_t {
-public:
+// The variables that steer the library, unset while alive: the developer's environment stays out.
+struct clean_env_t {
     clean_env_t();
-
-private:
     std::list<scoped_env_t> vars_;
 };
 

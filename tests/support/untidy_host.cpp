@@ -1,15 +1,12 @@
-// A host less tidy than a test host, as its own process: it reports through the C entry
-// points and, on request, forks a child that ends through exit() in one of three ways.
-//   untidy_host PRODUCT FORM [configured]
-// FORM: "none" (no child), "exit" (the child of a host that never made a statistics object),
-// "destroy" (the child destroys the inherited object, then exits), "atexit" (a hook the child
-// registered destroys it during exit). "configured": the host set up log4cplus itself.
-// Prints what the child printed (its stdout unflushed at exit), the child's status or "hung",
-// and the parent's own log record; exits 0 when the child ended and the parent finished.
+// A host less tidy than a test host, as its own process:  untidy_host PRODUCT FORM [configured]
+// FORM: "none" (no child), "exit" (no statistics object), "destroy" (the child destroys the inherited
+// one), "atexit" (a hook of the child destroys it). "configured": the host set up log4cplus. Prints the
+// child's output, its status or "hung", the parent's log record; exits 0 when both finished.
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,31 +21,22 @@ namespace {
 
 statistic_handle_t* inherited = nullptr;
 
-void child_hook()
-{
-    usemeter_destroy_statistic(inherited);
-    std::printf(" hook ran");
-}
-
 [[noreturn]] void run_child(const char* form)
 {
     std::printf("child output");  // left in stdio's buffer: exit() must flush it
     if (std::strcmp(form, "destroy") == 0)
         usemeter_destroy_statistic(inherited);
     if (std::strcmp(form, "atexit") == 0)
-        std::atexit(child_hook);
+        std::atexit([] { usemeter_destroy_statistic(inherited); std::printf(" hook ran"); });
     std::exit(7);
 }
 
 // The child's status, or -1 after 10 s (it is killed then).
 int wait_for(pid_t child)
 {
-    for (int tenths = 0; tenths < 100; ++tenths) {
-        int status = 0;
+    for (int tenths = 0, status = 0; tenths < 100; ++tenths, ::usleep(100000))
         if (::waitpid(child, &status, WNOHANG) == child)
             return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        ::usleep(100000);
-    }
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     return -1;
@@ -60,26 +48,22 @@ int main(int argc, char** argv)
 {
     if (argc < 3)
         return 2;
-    const char* const form = argv[2];
+    const std::string form = argv[2];
     if (argc > 3 && std::strcmp(argv[3], "configured") == 0) {
-        log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender());
-        log4cplus::Logger::getRoot().addAppender(console);
+        log4cplus::Logger::getRoot().addAppender(log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender()));
         log4cplus::Logger::getRoot().setLogLevel(log4cplus::INFO_LOG_LEVEL);
     }
-    if (std::strcmp(form, "exit") != 0) {
+    if (form != "exit") {
         inherited = usemeter_create_statistic(argv[1], "1.0");
         usemeter_notify_feature_usage(inherited, "run.before_fork");
     }
-    if (std::strcmp(form, "none") != 0) {
+    if (form != "none") {
         std::fflush(stdout);
         const pid_t child = ::fork();
         if (child == 0)
-            run_child(form);
+            run_child(form.c_str());
         const int status = wait_for(child);
-        if (status < 0)
-            std::printf("\nchild hung\n");
-        else
-            std::printf("\nchild exit %d\n", status);
+        status < 0 ? std::printf("\nchild hung\n") : std::printf("\nchild exit %d\n", status);
         std::fflush(stdout);
         LOG4CPLUS_WARN(log4cplus::Logger::getInstance("untidy_host"), "parent still logs");
         if (status < 0)
