@@ -72,4 +72,12 @@ std::string statement_t::text(int column) const
                  : std::string();
 }
 
+std::string_view statement_t::view(int column) const
+{
+    const auto* bytes = sqlite3_column_text(stmt_, column);
+    return bytes ? std::string_view(reinterpret_cast<const char*>(bytes),
+                                    static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
+                 : std::string_view();
+}
+
 }  // namespace usemeter_collector

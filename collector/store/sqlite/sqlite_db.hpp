@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include <sqlite3.h>
 
@@ -56,6 +57,8 @@ public:
         return rc == SQLITE_DONE;
     }
     std::string text(int column) const;
+    // The column's text in place, valid until the next step.
+    std::string_view view(int column) const;
     std::int64_t number(int column) const { return sqlite3_column_int64(stmt_, column); }
 
 private:
