@@ -110,16 +110,13 @@ outcome_t spool_t::set_up(durability_t durability)
     return set_up_reader(durability);
 }
 
-// The forwarder's connection. Removed hits are in the remote store already: zeroing their
-// freed pages as well (Debian's SQLite does by default) would double what every removal writes.
+// The forwarder's connection, with its read prepared once.
 outcome_t spool_t::set_up_reader(durability_t durability)
 {
     connection_t& c = *reader_;
-    outcome_t outcome = c.open(durability);
+    const outcome_t outcome = c.open(durability);
     if (!outcome)
         return outcome;
-    if (!c.exec("PRAGMA secure_delete = FAST"))
-        return c.failed("cannot set up the reader");
     c.select = std::make_unique<statement_t>(c.db, std::string("SELECT seq, received, ") + hit_field_columns +
                                                        " FROM spool WHERE seq > ? ORDER BY seq LIMIT ?");
     return c.select->prepared() ? outcome_t() : c.failed("cannot prepare the read");
