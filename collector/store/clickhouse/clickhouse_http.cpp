@@ -76,6 +76,8 @@ bool parse_clickhouse_uri(const std::string& uri, clickhouse_address_t& address,
 
 std::size_t clickhouse_shard_of(std::string_view cid, std::size_t shards)
 {
+    if (shards == 1)
+        return 0;  // one server: no hash to work out per hit
     std::uint64_t hash = 14695981039346656037u;
     for (unsigned char c : cid)
         hash = (hash ^ c) * 1099511628211u;
