@@ -3,8 +3,9 @@
 //
 // - forwarding: hits waiting in a spool (put there while ClickHouse was unreachable) until
 //   the forwarder has them all acknowledged: read from the spool, sent in batches, removed.
-//   Floor: the same rows, already formatted, posted in batches of the same size to a table of
-//   the same schema over one kept-alive HTTP connection.
+//   Floor: the same rows (a new collector's each round, as a new spool's are), already
+//   formatted, posted in batches of the same size to a table of the same schema over one
+//   kept-alive HTTP connection. Every round of either side inserts into a new database.
 // - reports: each report over 30 days of 50,000 users, once over 2 M hits and once over 20 M
 //   hits of the same users and days (USEMETER_BENCH_CLICKHOUSE_HITS changes the larger), hits
 //   generated inside ClickHouse and inserted into hits as an import would; the aggregates are
@@ -73,6 +74,15 @@ void settle(int port)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
 }
 
+// Each round inserts into a database of its own, made beforehand: rounds start alike, not
+// slowed by the merges of the rounds before, and neither side times creating tables.
+std::string fresh_database(int port, const std::string& name)
+{
+    uc::clickhouse_http_t http("http://127.0.0.1:" + std::to_string(port));
+    uc::create_clickhouse_schema(http, name, {});
+    return name;
+}
+
 std::unique_ptr<uc::store_t> open(const std::string& uri, const std::string& spool)
 {
     uc::clickhouse_options_t options;
@@ -97,19 +107,43 @@ void BM_clickhouse_forwarding(benchmark::State& state)
         const std::string spool = s.dir / ("spool" + std::to_string(++runs) + ".db");
         {
             // Port 1 refuses at once: the hits stay in the spool.
-            auto unreachable = open("clickhouse+http://127.0.0.1:1/fwd", spool);
+            auto unreachable = open("clickhouse+http://127.0.0.1:1/unreachable", spool);
             for (std::size_t at = 0; at < s.hits.size(); at += 1000)
                 unreachable->append({s.hits.begin() + at, s.hits.begin() + at + 1000});
         }
+        const std::string database = fresh_database(s.server.port(), "fwd" + std::to_string(runs));
         settle(s.server.port());
         const auto started = clock_type::now();
-        auto store = open(s.server.uri("fwd"), spool);
-        while (store->backlog() > 0)
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        auto store = open(s.server.uri(database), spool);
+        while (store->backlog() > 0)  // polled coarsely: finer costs CPU the floor does not spend
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
         const std::chrono::duration<double> took = clock_type::now() - started;
         state.SetIterationTime(took.count());
         forwarded_per_s = std::max(forwarded_per_s, hit_count / took.count());
     }
+}
+
+// The rows a new spool with this instance id would send, in batches: the bytes the
+// forwarder inserts, so that both sides give ClickHouse the same work (a new collector's rows
+// each time, as a new spool's are).
+std::vector<std::string> floor_bodies(const std::vector<uc::hit_t>& hits, const std::string& collector)
+{
+    std::vector<std::string> bodies;
+    for (std::size_t at = 0; at < hits.size(); at += batch_rows) {
+        std::string rows;
+        for (std::size_t n = at; n < at + batch_rows; ++n) {
+            const uc::hit_t& hit = hits[n];
+            rows += collector + '\t' + std::to_string(n + 1) + '\t' + std::to_string(hit.received) + '\t' +
+                    uc::utc_day(hit.received);
+            for (const std::string* field : hit.fields()) {
+                rows += '\t';
+                uc::append_tsv_field(rows, *field);
+            }
+            rows += '\n';
+        }
+        bodies.push_back(std::move(rows));
+    }
+    return bodies;
 }
 
 void BM_clickhouse_bare_insert(benchmark::State& state)
@@ -117,29 +151,18 @@ void BM_clickhouse_bare_insert(benchmark::State& state)
     setting_t& s = setting();
     if (!s.up)
         return state.SkipWithError("clickhouse-server cannot start");
+    static int rounds = 0;
+    char collector[33];
+    std::snprintf(collector, sizeof collector, "%032x", ++rounds);
+    const std::vector<std::string> bodies = floor_bodies(s.hits, collector);
+    const std::string insert =
+        "INSERT INTO " + fresh_database(s.server.port(), "bare" + std::to_string(rounds)) + ".hits FORMAT TabSeparated";
     uc::clickhouse_http_t http("http://127.0.0.1:" + std::to_string(s.server.port()));
-    uc::create_clickhouse_schema(http, "bare", {});
-    static std::vector<std::string> bodies;
-    for (std::size_t at = bodies.empty() ? 0 : s.hits.size(); at < s.hits.size(); at += batch_rows) {
-        std::string rows;
-        for (std::size_t n = at; n < at + batch_rows; ++n) {
-            const uc::hit_t& hit = s.hits[n];
-            rows += "bench\t" + std::to_string(n) + '\t' + std::to_string(hit.received) + '\t' +
-                    uc::utc_day(hit.received);
-            for (const std::string* field : {&hit.tid, &hit.cid, &hit.an, &hit.av, &hit.cd1, &hit.cd2,
-                                             &hit.cd3, &hit.ec, &hit.el}) {
-                rows += '\t';
-                uc::append_tsv_field(rows, *field);
-            }
-            rows += '\n';
-        }
-        bodies.push_back(rows);
-    }
     for (auto _ : state) {
         settle(s.server.port());
         const auto started = clock_type::now();
         for (const std::string& body : bodies)
-            if (!http.run("INSERT INTO bare.hits FORMAT TabSeparated", body))
+            if (!http.run(insert, body))
                 return state.SkipWithError("insert failed");
         const std::chrono::duration<double> took = clock_type::now() - started;
         state.SetIterationTime(took.count());

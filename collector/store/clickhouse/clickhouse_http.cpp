@@ -74,8 +74,10 @@ bool parse_clickhouse_uri(const std::string& uri, clickhouse_address_t& address,
     return true;
 }
 
-std::size_t clickhouse_shard_of(const std::string& cid, std::size_t shards)
+std::size_t clickhouse_shard_of(std::string_view cid, std::size_t shards)
 {
+    if (shards == 1)
+        return 0;  // one server: no hash to work out per hit
     std::uint64_t hash = 14695981039346656037u;
     for (unsigned char c : cid)
         hash = (hash ^ c) * 1099511628211u;
@@ -134,9 +136,32 @@ outcome_t clickhouse_http_t::run(const std::string& statement, const std::string
     return {};
 }
 
-void append_tsv_field(std::string& row, const std::string& field)
+namespace {
+
+// The bytes TabSeparated escapes, looked up in one step per byte.
+struct tsv_escaped_t {
+    bool bytes[256] = {};
+    constexpr tsv_escaped_t()
+    {
+        for (const unsigned char c : {'\\', '\t', '\n', '\r', '\0'})
+            bytes[c] = true;
+    }
+};
+constexpr tsv_escaped_t tsv_escaped;
+
+bool needs_tsv_escape(std::string_view field)
 {
-    if (field.find_first_of(std::string("\\\t\n\r\0", 5)) == std::string::npos) {
+    for (const char c : field)
+        if (tsv_escaped.bytes[static_cast<unsigned char>(c)])
+            return true;
+    return false;
+}
+
+}  // namespace
+
+void append_tsv_field(std::string& row, std::string_view field)
+{
+    if (!needs_tsv_escape(field)) {
         row += field;  // the usual case: nothing to escape
         return;
     }

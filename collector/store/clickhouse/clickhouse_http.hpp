@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "collector/store/hit.hpp"
@@ -24,7 +25,7 @@ bool parse_clickhouse_uri(const std::string& uri, clickhouse_address_t& address,
 
 // The shard of a client id: the 64-bit FNV-1a hash of its bytes, modulo the number of shards.
 // Fixed for good: a database's hits are placed by it.
-std::size_t clickhouse_shard_of(const std::string& cid, std::size_t shards);
+std::size_t clickhouse_shard_of(std::string_view cid, std::size_t shards);
 
 // One connection, kept alive between statements. Not for use by two threads at once.
 class clickhouse_http_t {
@@ -58,7 +59,7 @@ outcome_t on_every_shard(const std::vector<std::string>& servers,
                          const std::function<outcome_t(clickhouse_http_t&, std::size_t)>& ask);
 
 // TabSeparated text: a field escaped for a row, and the rows of a result unescaped.
-void append_tsv_field(std::string& row, const std::string& field);
+void append_tsv_field(std::string& row, std::string_view field);
 std::vector<std::vector<std::string>> parse_tsv(const std::string& text);
 // The same, one row at a time, for results too large to hold twice.
 void each_tsv_row(const std::string& text, const std::function<void(const std::vector<std::string>&)>& take);

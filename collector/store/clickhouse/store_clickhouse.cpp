@@ -29,42 +29,72 @@ log4cplus::Logger logger()
 
 const std::string hit_columns = std::string("collector, seq, received, day, ") + hit_field_columns;
 
-// Hits read from the spool, and their rows for an insert into each shard.
+// Hits read from the spool, as rows for an insert into each shard.
 struct batch_t {
-    std::vector<spooled_hit_t> hits;
+    std::size_t hits = 0;
+    std::int64_t last_seq = 0;
     std::vector<std::string> rows;  // by shard
 };
 
-// Appends the rows of hits[first...] to rows, each to its client id's shard, leaving out the
-// hits a shard already holds (seq up to its landed_through).
-void append_tsv_rows(const std::string& instance, const std::vector<spooled_hit_t>& hits, std::size_t first,
-                     const std::vector<std::int64_t>& landed_through, std::vector<std::string>& rows)
-{
-    std::string day;
-    rows.resize(landed_through.size());
-    for (std::string& shard_rows : rows)
-        shard_rows.reserve(shard_rows.size() + (hits.size() - first) * 160 / rows.size());
-    std::int64_t day_start = 1, day_end = 0;  // the day's seconds [start, end): none yet
-    for (std::size_t i = first; i < hits.size(); ++i) {
-        const spooled_hit_t& spooled = hits[i];
-        const hit_t& hit = spooled.hit;
-        if (hit.received < day_start || hit.received >= day_end) {  // a batch's hits share a day or two
-            day = utc_day(hit.received);
-            day_start = hit.received - ((hit.received % 86400) + 86400) % 86400;
-            day_end = day_start + 86400;
-        }
-        const std::size_t shard = clickhouse_shard_of(hit.cid, rows.size());
-        if (spooled.seq <= landed_through[shard])
-            continue;
-        std::string& row = rows[shard];
-        row += instance + '\t' + std::to_string(spooled.seq) + '\t' + std::to_string(hit.received) + '\t' + day;
-        for (const std::string* field : hit.fields()) {
-            row += '\t';
-            append_tsv_field(row, *field);
-        }
+// Appends spooled hits to a batch, each to its client id's shard, leaving out the hits a
+// shard already holds (seq up to its landed_through). Straight from the spool's row into the
+// insert's text: no copy of a hit in between.
+class tsv_writer_t {
+public:
+    tsv_writer_t(const std::string& instance, const std::vector<std::int64_t>& landed_through, batch_t& batch)
+        : instance_(instance), landed_through_(landed_through), batch_(batch)
+    {
+        batch_.rows.resize(landed_through_.size());
+    }
+
+    void reserve(std::size_t hits)
+    {
+        for (std::string& shard_rows : batch_.rows)
+            shard_rows.reserve(shard_rows.size() + hits * 160 / batch_.rows.size());
+    }
+
+    void append(const spooled_row_t& hit)
+    {
+        ++batch_.hits;
+        batch_.last_seq = hit.seq;
+        const std::size_t shard = clickhouse_shard_of(hit.fields[1], batch_.rows.size());  // fields[1]: cid
+        if (hit.seq <= landed_through_[shard])
+            return;
+        std::string& row = batch_.rows[shard];
+        row += instance_;
+        append_number(row += '\t', hit.seq);
+        append_number(row += '\t', hit.received);
+        row += '\t';
+        row += day_of(hit.received);
+        for (const std::string_view field : hit.fields)
+            append_tsv_field(row += '\t', field);
         row += '\n';
     }
-}
+
+private:
+    static void append_number(std::string& row, std::int64_t number)
+    {
+        char digits[24];
+        row.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
+    }
+
+    // A batch's hits share a day or two: the day's text is made once per day.
+    const std::string& day_of(std::int64_t received)
+    {
+        if (received < day_start_ || received >= day_end_) {
+            day_ = utc_day(received);
+            day_start_ = received - ((received % 86400) + 86400) % 86400;
+            day_end_ = day_start_ + 86400;
+        }
+        return day_;
+    }
+
+    const std::string& instance_;
+    const std::vector<std::int64_t>& landed_through_;
+    batch_t& batch_;
+    std::string day_;
+    std::int64_t day_start_ = 1, day_end_ = 0;  // the day's seconds [start, end): none yet
+};
 
 std::string day_range_condition(const std::string& since, const std::string& until)
 {
@@ -306,7 +336,7 @@ private:
         batch_t batch = std::move(next_);
         next_ = batch_t();
         outcome = top_up(batch, acknowledged_);
-        if (!outcome || batch.hits.empty())
+        if (!outcome || batch.hits == 0)
             return outcome;
         if (!fault_allows(forward_step_t::send))
             return outcome_t::failure("injected fault before sending");
@@ -314,12 +344,12 @@ private:
         for (std::size_t shard = 0; shard < shards.size(); ++shard)
             inserts.push_back(insert_part(*shards[shard], batch.rows[shard]));
         const outcome_t removed = remove_acknowledged();
-        top_up(next_, batch.hits.back().seq);
-        outcome = take_answers(inserts, batch.hits.back().seq);
+        top_up(next_, batch.last_seq);
+        outcome = take_answers(inserts, batch.last_seq);
         if (outcome) {
-            acknowledged_ = batch.hits.back().seq;
-            unremoved_ += static_cast<std::int64_t>(batch.hits.size());
-            forwarded_ += batch.hits.size();
+            acknowledged_ = batch.last_seq;
+            unremoved_ += static_cast<std::int64_t>(batch.hits);
+            forwarded_ += batch.hits;
             outcome = removed;
         }
         if (!outcome) {
@@ -407,15 +437,15 @@ private:
     // Fills batch up to batch_rows with the hits after its last (or after seq when empty).
     outcome_t top_up(batch_t& batch, std::int64_t seq)
     {
-        const std::size_t had = batch.hits.size();
+        const std::size_t had = batch.hits;
         if (had >= options_.batch_rows)
             return {};
-        const outcome_t outcome = spool_->read_after(had ? batch.hits.back().seq : seq,
-                                                     options_.batch_rows - had, batch.hits);
+        tsv_writer_t writer(spool_->instance(), landed_through_, batch);
+        writer.reserve(options_.batch_rows - had);
+        const outcome_t outcome = spool_->read_after(had ? batch.last_seq : seq, options_.batch_rows - had,
+                                                     [&](const spooled_row_t& hit) { writer.append(hit); });
         if (!outcome)
             batch = batch_t();
-        else
-            append_tsv_rows(spool_->instance(), batch.hits, had, landed_through_, batch.rows);
         return outcome;
     }
 

@@ -33,6 +33,7 @@ struct spool_t::connection_t {
     std::mutex mutex;
     sqlite3* db = nullptr;
     std::string path;
+    std::unique_ptr<statement_t> select;  // the reader's, prepared once
 
     ~connection_t() { sqlite3_close_v2(db); }
 
@@ -106,7 +107,19 @@ outcome_t spool_t::set_up(durability_t durability)
     if (!writer_->exec("COMMIT"))
         return writer_->rolled_back("cannot commit");
     size_ = std::stoll(count);
-    return reader_->open(durability);
+    return set_up_reader(durability);
+}
+
+// The forwarder's connection, with its read prepared once.
+outcome_t spool_t::set_up_reader(durability_t durability)
+{
+    connection_t& c = *reader_;
+    const outcome_t outcome = c.open(durability);
+    if (!outcome)
+        return outcome;
+    c.select = std::make_unique<statement_t>(c.db, std::string("SELECT seq, received, ") + hit_field_columns +
+                                                       " FROM spool WHERE seq > ? ORDER BY seq LIMIT ?");
+    return c.select->prepared() ? outcome_t() : c.failed("cannot prepare the read");
 }
 
 outcome_t spool_t::append(const std::vector<hit_t>& hits)
@@ -133,24 +146,21 @@ outcome_t spool_t::append(const std::vector<hit_t>& hits)
     return {};
 }
 
-outcome_t spool_t::read_after(std::int64_t seq, std::size_t limit, std::vector<spooled_hit_t>& hits)
+outcome_t spool_t::read_after(std::int64_t seq, std::size_t limit,
+                             const std::function<void(const spooled_row_t&)>& take)
 {
     connection_t& c = *reader_;
     std::lock_guard<std::mutex> lock(c.mutex);
-    statement_t select(c.db, std::string("SELECT seq, received, ") + hit_field_columns +
-                                 " FROM spool WHERE seq > ? ORDER BY seq LIMIT ?");
-    if (!select.prepared())
-        return c.failed("cannot read");
+    statement_t& select = *c.select;
     select.bind(1, seq);
     select.bind(2, static_cast<std::int64_t>(limit));
+    spooled_row_t row;
     const bool read_all = select.each([&] {
-        spooled_hit_t spooled;
-        spooled.seq = select.number(0);
-        spooled.hit.received = select.number(1);
-        int column = 2;
-        for (std::string* field : spooled.hit.fields())
-            *field = select.text(column++);
-        hits.push_back(std::move(spooled));
+        row.seq = select.number(0);
+        row.received = select.number(1);
+        for (std::size_t field = 0; field < row.fields.size(); ++field)
+            row.fields[field] = select.view(static_cast<int>(field) + 2);
+        take(row);
     });
     return read_all ? outcome_t() : c.failed("reading stopped");
 }

@@ -10,19 +10,25 @@
 #ifndef USEMETER_COLLECTOR_SPOOL_SQLITE_HPP
 #define USEMETER_COLLECTOR_SPOOL_SQLITE_HPP
 
+#include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "collector/store/store.hpp"
 
 namespace usemeter_collector {
 
-struct spooled_hit_t {
+// A hit as read from the spool: its texts point into SQLite's row, valid only while the
+// reader's callback runs (no copy per field).
+struct spooled_row_t {
     std::int64_t seq = 0;
-    hit_t hit;
+    std::int64_t received = 0;
+    std::array<std::string_view, 9> fields;  // hit_t::fields() order
 };
 
 class spool_t {
@@ -40,8 +46,9 @@ public:
 
     // All of them or none, durable as durability promises.
     outcome_t append(const std::vector<hit_t>& hits);
-    // Appends to hits up to limit of the oldest hits after seq, oldest first.
-    outcome_t read_after(std::int64_t seq, std::size_t limit, std::vector<spooled_hit_t>& hits);
+    // Hands take up to limit of the oldest hits after seq, oldest first.
+    outcome_t read_after(std::int64_t seq, std::size_t limit,
+                         const std::function<void(const spooled_row_t&)>& take);
     // Drops every hit up to and including seq (they have been acknowledged).
     outcome_t remove_through(std::int64_t seq);
 
@@ -49,6 +56,7 @@ private:
     struct connection_t;
     spool_t(std::string path);
     outcome_t set_up(durability_t durability);
+    outcome_t set_up_reader(durability_t durability);
 
     const std::string path_;
     std::unique_ptr<connection_t> writer_;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include <sqlite3.h>
 
@@ -58,6 +59,8 @@ public:
     std::string text(int column) const;
     // The same text into a buffer the caller keeps, so that a long scan allocates only once.
     const std::string& text(int column, std::string& buffer) const;
+    // The column's text in place, valid until the next step.
+    std::string_view view(int column) const;
     std::int64_t number(int column) const { return sqlite3_column_int64(stmt_, column); }
 
 private:
