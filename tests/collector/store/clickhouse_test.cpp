@@ -85,19 +85,16 @@ protected:
     // The numbers of a one-row answer, summed over the shards.
     std::string summed(const std::string& statement) const
     {
-        std::vector<std::int64_t> sums;
+        std::int64_t sums[3] = {}, number = 0;
+        std::size_t columns = 0;
         for (std::size_t shard = 0; shard < shards; ++shard) {
             std::istringstream row(servers[shard].query(statement));
-            for (std::size_t column = 0; row.peek() != EOF && row.peek() != '\n'; ++column) {
-                sums.resize(std::max(sums.size(), column + 1));
-                std::int64_t number = 0;
-                row >> number;
-                sums[column] += number;
-            }
+            for (columns = 0; columns < 3 && row >> number; ++columns)
+                sums[columns] += number;
         }
         std::string text;
-        for (std::int64_t sum : sums)
-            text += (text.empty() ? "" : "\t") + std::to_string(sum);
+        for (std::size_t column = 0; column < columns; ++column)
+            text += (column ? "\t" : "") + std::to_string(sums[column]);
         return text + "\n";
     }
 
