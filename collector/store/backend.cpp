@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include "collector/reports/reports.hpp"
+#include "collector/store/clickhouse/clickhouse_http.hpp"
+#include "collector/store/clickhouse/clickhouse_schema.hpp"
 #include "collector/store/clickhouse/store_clickhouse.hpp"
 #include "collector/store/sqlite/store_sqlite.hpp"
 #include "collector/store/store.hpp"
@@ -57,6 +59,10 @@ std::unique_ptr<report_source_t> open_report_source(const std::string& uri, std:
 bool store_exists(const std::string& uri)
 {
     struct stat status;
+    clickhouse_address_t address;
+    std::string error;
+    if (has_scheme(uri, clickhouse_scheme))
+        return !parse_clickhouse_uri(uri, address, error) || clickhouse_database_exists(address);
     return !has_scheme(uri, sqlite_scheme) || ::stat(uri.c_str() + sqlite_scheme.size(), &status) == 0;
 }
 

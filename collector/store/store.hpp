@@ -51,7 +51,8 @@ struct spool_options_t {
 // nullptr with error set when it cannot. spool matters to remote stores only.
 std::unique_ptr<store_t> open_store(const std::string& uri, durability_t durability,
                                     std::string& error, const spool_options_t& spool = spool_options_t());
-// False for a SQLite store whose file is missing: the owners' commands must not create one.
+// False for a SQLite file or a ClickHouse database that is missing: the owners' commands must
+// not create one.
 bool store_exists(const std::string& uri);
 // Creates path with mode 0600 unless it exists, so that SQLite (and its -wal and -shm files,
 // which take the database's mode) never makes client ids readable by other users.

@@ -162,6 +162,18 @@ outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& d
     return back_fill(http, db);
 }
 
+bool clickhouse_database_exists(const clickhouse_address_t& address)
+{
+    for (const std::string& server : address.servers) {
+        std::string count;
+        if (clickhouse_http_t(server).run("SELECT count() FROM system.databases WHERE name = " +
+                                              sql_quoted(address.database) + " FORMAT TabSeparated",
+                                          "", &count) && count == "0\n")
+            return false;
+    }
+    return true;
+}
+
 outcome_t clickhouse_landed_through(clickhouse_http_t& http, const std::string& db,
                                     const std::string& collector, std::int64_t& seq)
 {

@@ -12,6 +12,7 @@
 namespace usemeter_collector {
 
 class clickhouse_http_t;
+struct clickhouse_address_t;
 
 // Which shard of how many a server is, by its place in the store URI.
 struct shard_place_t {
@@ -24,6 +25,11 @@ struct shard_place_t {
 // first given and refuses any other: hits are placed by shard, so a reordered or resized
 // host list would misplace users and read another shard's marks.
 outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& database, shard_place_t place);
+
+// False only when a shard of address answers that it has no such database (unreachable
+// servers say nothing), so that the owners' duties neither create a mistyped one nor hide a
+// connection failure behind "no store".
+bool clickhouse_database_exists(const clickhouse_address_t& address);
 
 // The last sequence number of collector whose hits have reached the aggregates (0: none).
 // Every hit of that collector up to it has, since a collector sends in order.

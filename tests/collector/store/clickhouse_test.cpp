@@ -356,6 +356,8 @@ TEST_P(clickhouse_shards_test, both_stores_give_the_same_export_and_reports)
     for (uc::report_kind_t kind : {uc::report_kind_t::active, uc::report_kind_t::features})
         EXPECT_EQ(report_text(*clickhouse_reports, kind, queries[0]),
                   report_text(*sqlite_reports, kind, queries[0]));
+    // The owners' duties find the database, and neither find nor create a mistyped one.
+    EXPECT_TRUE(uc::store_exists(uri("test")) && !uc::store_exists(uri("typo")) && !uc::store_exists(uri("typo")));
     // A reordered or shortened host list is refused, not misread.
     const std::string first = "127.0.0.1:" + std::to_string(servers[0].port());
     for (const std::string& hosts : {"127.0.0.1:" + std::to_string(servers[1].port()) + "," + first, first}) {
