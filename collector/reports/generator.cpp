@@ -81,8 +81,8 @@ public:
     {
         if (offset < user.joins || offset >= user.leaves)
             return;
-        const std::int64_t weekday = (start / 86400 + 4) % 7;  // 1970-01-01 was a Thursday
-        const bool weekend = weekday == 0 || weekday == 6;
+        const std::int64_t day = instant_day_number(start);
+        const bool weekend = day - monday_of(day) >= 5;  // Saturday or Sunday
         if (uniform(0, 1) >= user.chance * (weekend ? weekend_factor : 1.0))
             return;
         const std::size_t release = release_of(user, offset);

@@ -24,6 +24,11 @@ std::string utc_day(std::int64_t seconds)
     return format_utc(seconds, "%Y-%m-%d");
 }
 
+std::int64_t instant_day_number(std::int64_t seconds)
+{
+    return seconds / 86400 - (seconds % 86400 < 0 ? 1 : 0);
+}
+
 std::string utc_timestamp(std::int64_t seconds)
 {
     return format_utc(seconds, "%Y-%m-%dT%H:%M:%SZ");

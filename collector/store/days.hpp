@@ -10,6 +10,8 @@ namespace usemeter_collector {
 
 // "YYYY-MM-DD" of a UTC instant.
 std::string utc_day(std::int64_t seconds);
+// Days since 1970-01-01 of a UTC instant (the number of utc_day's day).
+std::int64_t instant_day_number(std::int64_t seconds);
 // "YYYY-MM-DDTHH:MM:SSZ"
 std::string utc_timestamp(std::int64_t seconds);
 // True for "YYYY-MM-DD" naming a day that exists (no 30 February).

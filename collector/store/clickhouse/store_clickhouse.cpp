@@ -4,6 +4,7 @@
 #include <atomic>
 #include <charconv>
 #include <condition_variable>
+#include <cstdint>
 #include <future>
 #include <mutex>
 #include <sstream>
@@ -81,10 +82,10 @@ private:
     // A batch's hits share a day or two: the day's text is made once per day.
     const std::string& day_of(std::int64_t received)
     {
-        if (received < day_start_ || received >= day_end_) {
+        const std::int64_t day = instant_day_number(received);
+        if (day != day_number_) {
+            day_number_ = day;
             day_ = utc_day(received);
-            day_start_ = received - ((received % 86400) + 86400) % 86400;
-            day_end_ = day_start_ + 86400;
         }
         return day_;
     }
@@ -93,7 +94,7 @@ private:
     const std::vector<std::int64_t>& landed_through_;
     batch_t& batch_;
     std::string day_;
-    std::int64_t day_start_ = 1, day_end_ = 0;  // the day's seconds [start, end): none yet
+    std::int64_t day_number_ = INT64_MIN;  // none yet
 };
 
 std::string day_range_condition(const std::string& since, const std::string& until)
