@@ -24,25 +24,22 @@ log4cplus::Logger logger()
     return log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("usemeter.collector"));
 }
 
-// Partitions by month, so that retention drops whole months cheaply; sorted for the reports,
-// which all filter on product and day; (collector, seq) last makes the key one hit's own.
-std::string hits_sql(const std::string& db)
+std::string create_table(const std::string& db, const char* definition)
 {
-    return "CREATE TABLE IF NOT EXISTS " + db +
-           ".hits (collector String, seq UInt64, received Int64, day Date, tid String, cid String,"
-           " an String, av String, cd1 String, cd2 String, cd3 String, ec String, el String)"
-           " ENGINE = ReplacingMergeTree() PARTITION BY toYYYYMM(day)"
-           " ORDER BY (an, day, collector, seq)";
+    return "CREATE TABLE IF NOT EXISTS " + db + "." + definition;
 }
 
+// Partitions by month, so that retention drops whole months cheaply; sorted for the reports,
+// which all filter on product and day; (collector, seq) last makes the key one hit's own.
+const char* const hits_table =
+    "hits (collector String, seq UInt64, received Int64, day Date, tid String, cid String,"
+    " an String, av String, cd1 String, cd2 String, cd3 String, ec String, el String)"
+    " ENGINE = ReplacingMergeTree() PARTITION BY toYYYYMM(day) ORDER BY (an, day, collector, seq)";
+
 // Copies of a row merge into one; the one kept is active if any was.
-std::string user_days_sql(const std::string& db)
-{
-    return "CREATE TABLE IF NOT EXISTS " + db +
-           ".user_days (an String, day Date, av String, cd2 String, cid String, active UInt8)"
-           " ENGINE = ReplacingMergeTree(active) PARTITION BY toYYYYMM(day)"
-           " ORDER BY (an, day, av, cd2, cid)";
-}
+const char* const user_days_table =
+    "user_days (an String, day Date, av String, cd2 String, cid String, active UInt8)"
+    " ENGINE = ReplacingMergeTree(active) PARTITION BY toYYYYMM(day) ORDER BY (an, day, av, cd2, cid)";
 
 const char* const user_days_select =
     " SELECT an, day, av, cd2, cid, max(cd3 = 'y') AS active FROM {hits}"
@@ -51,13 +48,10 @@ const char* const user_days_select =
 // Not partitioned: each insert's counts and its mark are one part, written whole or not at all
 // (the view's GROUP BY gives one block for a collector's batch, well under the 100,000 groups
 // where ClickHouse would split it).
-std::string feature_days_sql(const std::string& db)
-{
-    return "CREATE TABLE IF NOT EXISTS " + db +
-           ".feature_days (an String, day Date, av String, ec String, el String, cid String,"
-           " hits AggregateFunction(sum, UInt64), last_seq AggregateFunction(max, UInt64))"
-           " ENGINE = AggregatingMergeTree() ORDER BY (an, day, ec, el, cid, av)";
-}
+const char* const feature_days_table =
+    "feature_days (an String, day Date, av String, ec String, el String, cid String,"
+    " hits AggregateFunction(sum, UInt64), last_seq AggregateFunction(max, UInt64))"
+    " ENGINE = AggregatingMergeTree() ORDER BY (an, day, ec, el, cid, av)";
 
 // Every hit once as itself (mark 0) and once as its collector's mark (mark 1).
 const char* const feature_days_select =
@@ -119,8 +113,8 @@ outcome_t check_place(clickhouse_http_t& http, const std::string& db, shard_plac
 {
     const std::string mine = std::to_string(place.shard) + "\t" + std::to_string(place.shards) + "\n";
     std::string recorded;
-    outcome_t outcome = run_each(http, {"CREATE TABLE IF NOT EXISTS " + db +
-                                        ".placement (shard UInt32, shards UInt32) ENGINE = TinyLog"});
+    outcome_t outcome =
+        run_each(http, {create_table(db, "placement (shard UInt32, shards UInt32) ENGINE = TinyLog")});
     if (outcome)
         outcome = http.run("SELECT DISTINCT shard, shards FROM " + db + ".placement FORMAT TabSeparated", "",
                            &recorded);
@@ -143,12 +137,12 @@ outcome_t check_place(clickhouse_http_t& http, const std::string& db, shard_plac
 
 outcome_t create_clickhouse_schema(clickhouse_http_t& http, const std::string& db, shard_place_t place)
 {
-    outcome_t outcome = run_each(http, {"CREATE DATABASE IF NOT EXISTS " + db, hits_sql(db)});
+    outcome_t outcome = run_each(http, {"CREATE DATABASE IF NOT EXISTS " + db, create_table(db, hits_table)});
     if (outcome)
         outcome = check_place(http, db, place);
     if (!outcome || exists(http, db, feature_days_view))
         return outcome;
-    outcome = run_each(http, {user_days_sql(db), feature_days_sql(db)});
+    outcome = run_each(http, {create_table(db, user_days_table), create_table(db, feature_days_table)});
     if (outcome && !exists(http, db, user_days_view))
         outcome = http.run(view_sql(db, user_days_view, "user_days", user_days_select));
     if (!outcome)
