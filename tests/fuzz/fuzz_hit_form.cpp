@@ -9,7 +9,7 @@
 
 #include "collector/ingest/hit_form.hpp"
 
-// A failed property prints what differs and aborts: libFuzzer and the replay program both
+// A failed property prints what differs and aborts: libFuzzer and the replaying test both
 // report that as a crash of this input.
 #define FUZZ_CHECK(condition, what)                                                          \
     do {                                                                                     \

@@ -31,6 +31,14 @@ inline command_result_t run_command(const std::string& command)
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
+#ifdef USEMETER_TOOL
+// The usemeter command's standard output for arguments.
+inline command_result_t run_tool(const std::string& arguments)
+{
+    return run_command(std::string(USEMETER_TOOL) + " " + arguments + " 2>/dev/null");
+}
+#endif
+
 // Started on 127.0.0.1 and a free port; adjust() may change the options first.
 inline std::unique_ptr<usemeter_collector::collector_t> start_report_collector(
     const std::string& store, const std::string& token = "",

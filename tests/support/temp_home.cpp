@@ -8,6 +8,8 @@
 
 #include <boost/filesystem.hpp>
 
+#include "usemeter/sys/environment.hpp"
+
 namespace usemeter_test {
 
 namespace fs = boost::filesystem;
@@ -26,11 +28,10 @@ scoped_env_t::~scoped_env_t()
 
 clean_env_t::clean_env_t()
 {
-    for (const char* name : {"NORVEL_FORCE_UUID", "NORVEL_STATISTICS_DISABLE", "NORVEL_DONOTSEND_FEEDBACK",
-                             "NORVEL_DISABLE_FEEDBACK", "NORVEL_FORCE_FEEDBACK", "http_proxy", "HTTP_PROXY",
-                             "https_proxy", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY",
-                             "USEMETER_DISABLE_ORB", "NORVEL_ORBTOOL_DIR", "NORVEL_DISABLE_UPDATES_CHECK"})
+    for (const char* name : usemeter_1_5_7::environment::all)
         vars_.emplace_back(name, nullptr);
+    for (const char* name : {"HTTP_PROXY", "https_proxy", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
+        vars_.emplace_back(name, nullptr);  // libcurl's own
 }
 
 temp_dir_t::temp_dir_t()

@@ -1,6 +1,6 @@
-// The collector over loopback: bad requests get their status and reason, and a hit answered
-// 200 survives SIGKILL. A store that cannot commit (503 until it can) is the full spool of
-// clickhouse_test; the library's hits through the collector as a proxy, the command-line test's.
+// The SQLite store's rollups through retention and erasure, and a hit answered 200 survives
+// SIGKILL of the real command. Bad requests and limits are hostile_test's; a store that cannot
+// commit (503 until it can) is the full spool of clickhouse_test.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -30,73 +30,11 @@ std::string exported(store_t& store)
     return csv.str();
 }
 
-std::size_t rows_of(store_t& store)
-{
-    const std::string csv = exported(store);
-    return std::count(csv.begin(), csv.end(), '\n') - 1;
-}
-
 class collector_test : public ::testing::Test {
 protected:
     temp_dir_t dir;
     std::string store_uri = "sqlite:" + dir / "hits.db";
-    std::unique_ptr<store_t> store;
-    std::unique_ptr<collector_t> collector;
-
-    void start()
-    {
-        std::string error;
-        collector_options_t options;
-        options.listen = "127.0.0.1:0";
-        options.store = store_uri;
-        collector = std::make_unique<collector_t>(options);
-        ASSERT_TRUE(collector->start());
-        store = open_store(store_uri, durability_t::normal, error);
-    }
-    httplib::Result post(const std::string& path, const std::string& body)
-    {
-        httplib::Client client("127.0.0.1", collector->port());
-        return client.Post(path.c_str(), body, "application/x-www-form-urlencoded");
-    }
 };
-
-const std::string valid = "v=1&tid=UA-1&cid=c1&t=event&an=trovix&av=1.0&ec=gui&el=open";
-
-TEST_F(collector_test, bad_requests_get_their_status_and_reason)
-{
-    start();
-    std::string batch_of_21;
-    for (int i = 0; i < 21; ++i)
-        batch_of_21 += valid + "\n";
-    struct case_t { std::string path, body; int status; rejection_t reason; int stored; };
-    const case_t cases[] = {
-        {"/collect", valid, 200, rejection_t::none, 1},
-        {"/collect", "v=1&tid=UA-1&t=event&ec=a", 200, rejection_t::missing_cid, 0},
-        {"/collect", valid + "&x=" + std::string(8192, 'x'), 413, rejection_t::none, 0},
-        {"/batch", valid + "\r\n" + valid + "\nv=3", 200, rejection_t::bad_version, 2},
-        {"/batch", batch_of_21, 413, rejection_t::none, 0},
-        {"/batch", valid + "\n" + valid + "&x=" + std::string(16384, 'x'), 413, rejection_t::none, 0},
-        {"/other", valid, 404, rejection_t::none, 0},
-    };
-    for (const case_t& c : cases) {
-        const std::uint64_t stored = collector->metrics().stored();
-        const std::uint64_t rejected = collector->metrics().rejected(c.reason);
-        const auto answer = post(c.path, c.body);
-        ASSERT_TRUE(answer) << c.body.substr(0, 60);
-        EXPECT_EQ(answer->status, c.status) << c.body.substr(0, 60);
-        EXPECT_EQ(collector->metrics().stored(), stored + c.stored) << c.body.substr(0, 60);
-        if (c.reason != rejection_t::none) {
-            EXPECT_EQ(collector->metrics().rejected(c.reason), rejected + 1) << c.body.substr(0, 60);
-        }
-    }
-    httplib::Client client("127.0.0.1", collector->port());
-    EXPECT_EQ(client.Get("/collect")->status, 405);
-    const std::string metrics = client.Get("/metrics")->body;
-    EXPECT_NE(metrics.find("usemeter_hits_stored_total 3\n"), std::string::npos) << metrics;
-    EXPECT_NE(metrics.find("usemeter_hits_rejected_total{reason=\"missing_cid\"} 1\n"), std::string::npos);
-    EXPECT_EQ(collector->metrics().recent_rejections(rejection_t::bad_version).back(), "v=3");
-    EXPECT_EQ(rows_of(*store), 3u);
-}
 
 TEST_F(collector_test, retention_and_erasure_keep_the_rollups_true)
 {

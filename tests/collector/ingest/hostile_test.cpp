@@ -86,12 +86,6 @@ long peak_resident_kb()
     return -1;
 }
 
-std::string tool(const std::string& arguments)
-{
-    const auto run = usemeter_test::run_command(std::string(USEMETER_TOOL) + " " + arguments + " 2>&1");
-    return run.status == 0 ? run.out : "failed: " + run.out;
-}
-
 class hostile_test : public ::testing::Test {
 protected:
     void start(const std::string& token = "")
@@ -119,6 +113,7 @@ TEST_F(hostile_test, no_hit_can_break_a_report_the_page_or_an_export)
         {hit + "&ec=%2Bcmd&el=%40SUM(1)", uc::rejection_t::none},
         {hit + "&ec=caf%C3%A9&el=-2+x", uc::rejection_t::none},  // a form's + is a space
         {hit + "&ec=cr&el=a%0Db", uc::rejection_t::none},
+        {"v=1&tid=UA-1&t=event&ec=a", uc::rejection_t::missing_cid},
     };
     for (const case_t& c : cases) {
         const std::uint64_t rejected = collector->metrics().rejected(c.reason);
@@ -128,6 +123,9 @@ TEST_F(hostile_test, no_hit_can_break_a_report_the_page_or_an_export)
         }
     }
     EXPECT_EQ(collector->metrics().stored(), 4u);
+    const std::string metrics = exchange(collector->port(), get("/metrics"));
+    EXPECT_NE(metrics.find("\nusemeter_hits_stored_total 4\n"), std::string::npos) << metrics;
+    EXPECT_NE(metrics.find("\nusemeter_hits_rejected_total{reason=\"missing_cid\"} 1\n"), std::string::npos);
     std::string error;  // as an older collector may have stored
     ASSERT_TRUE(uc::open_store(store, uc::durability_t::normal, error)->append({{1, "UA-1", "c", "p", "1", "", "", "", "\xff", ""}}));
     for (const char* kind : {"active", "features", "versions", "systems"})
@@ -136,13 +134,15 @@ TEST_F(hostile_test, no_hit_can_break_a_report_the_page_or_an_export)
     const std::string rejections = exchange(collector->port(), get("/rejections"));
     EXPECT_NE(rejections.find("v=3&x=\\x1b[2J\\x07"), std::string::npos) << rejections;
     // Spreadsheets run none of the stored labels; the page's inlined data closes nothing.
-    const std::string csv = tool("collector export --store " + store) +
-                            tool("stats features --format csv --store " + store) +
-                            tool("stats features --format json --store " + store);
-    EXPECT_EQ(csv.find("failed"), std::string::npos) << csv;
+    std::string csv;
+    for (const std::string command : {"collector export", "stats features --format csv", "stats features --format json"}) {
+        const auto run = usemeter_test::run_tool(command + " --store " + store);
+        EXPECT_EQ(run.status, 0) << command;
+        csv += run.out;
+    }
     for (const char* cell : {",'=1+2", ",'+cmd,'@SUM(1)", ",'-2 x", ",'+cmd,", ",\"a\rb\""})
         EXPECT_NE(csv.find(cell), std::string::npos) << cell << "\n" << csv;
-    EXPECT_EQ(tool("stats --html " + home / "page.html" + " --store " + store).find("failed"), std::string::npos);
+    EXPECT_EQ(usemeter_test::run_tool("stats --html " + home / "page.html" + " --store " + store).status, 0);
     const std::string page = usemeter_test::read_file(home / "page.html");
     EXPECT_NE(page.find("\\u003c!--\\u003cscript\\u003e"), std::string::npos);
     EXPECT_EQ(page.find("<!--<script>"), std::string::npos);
@@ -162,13 +162,18 @@ TEST_F(hostile_test, http_limits_hold_whatever_the_framing)
     std::string batch;
     for (int i = 0; i < 20; ++i)
         batch += hit + "&ec=gui&el=" + std::string(450, 'e') + "\n";
+    const std::string form = "Content-Type: application/x-www-form-urlencoded\r\n";
     struct case_t { std::string name, head, part; std::size_t repeat; std::string tail; int status; int stored; };
     const case_t cases[] = {
         {"chunked within the limit", chunked, "", 0, small_chunk + small + "\r\n0\r\n\r\n", 200, 1},
         {"chunked 300 MB", chunked, chunk, 75000, "0\r\n\r\n", 413, 0},
         {"announced over 8 KB", post("/collect", hit + "&ec=a&x=" + std::string(8192, 'x')), "", 0, "", 413, 0},
-        {"form batch of 12 KB", post("/batch", batch, "Content-Type: application/x-www-form-urlencoded\r\n"),
-         "", 0, "", 200, 20},
+        {"form batch of 12 KB", post("/batch", batch, form), "", 0, "", 200, 20},
+        {"batch of 21 lines", post("/batch", batch + hit + "&ec=a", form), "", 0, "", 413, 0},
+        {"batch over 16 KB", post("/batch", batch + hit + "&ec=a&x=" + std::string(6500, 'x')), "", 0, "", 413, 0},
+        {"batch with a bad line", post("/batch", hit + "&ec=a\r\n" + hit + "&ec=b\nv=3"), "", 0, "", 200, 2},
+        {"no such path", post("/other", hit + "&ec=a"), "", 0, "", 404, 0},
+        {"no GET of hits", get("/collect"), "", 0, "", 405, 0},
         {"gzip", post("/collect", hit, "Content-Encoding: gzip\r\n"), "", 0, "", 415, 0},
         {"101 header lines", "GET /healthz HTTP/1.1\r\n", "A: b\r\n", 101, "\r\n", 431, 0},
         {"20 KB of headers", "GET /healthz HTTP/1.1\r\n", header_line, 5, "\r\n", 431, 0},

@@ -1,14 +1,21 @@
 // The ingest road's units on their own: what a form body becomes, and the commit queue's
-// hand-off (answered only once stored, a request never split, failures reach their waiters).
+// hand-off (answered only once stored, a request never split, failures reach their waiters);
+// the fuzz target's kept inputs replayed.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <thread>
 
+#include <boost/filesystem.hpp>
+
 #include "collector/ingest/commit_queue.hpp"
 #include "collector/ingest/hit_form.hpp"
+#include "support/temp_home.hpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 using namespace usemeter_collector;
 
@@ -55,6 +62,22 @@ TEST(hit_form, each_body_becomes_its_hit_or_its_reason)
         EXPECT_EQ(reason_for(bad + ("&" + valid)), "bad_encoding") << bad;
     EXPECT_EQ(reason_for("ec=%C3%A9&" + valid), "none");
     EXPECT_EQ(batch_lines("a\r\n\nb\n\r\nc"), (std::vector<std::string>{"a", "b", "c"}));
+}
+
+// The fuzz target's seeds and every input that ever failed it, once each: a failed property aborts.
+TEST(hit_form, fuzz_inputs_replay_without_a_failed_property)
+{
+    std::size_t replayed = 0;
+    for (const std::string kept : {"corpus", "crashers"})
+        for (const auto& input : boost::filesystem::directory_iterator(
+                 USEMETER_TEST_SOURCE_DIR "/fuzz/" + kept + "/fuzz_hit_form"))
+            if (input.path().filename().c_str()[0] != '.') {  // dot files keep empty folders in git
+                std::fprintf(stderr, "replay %s\n", input.path().c_str());
+                const std::string bytes = usemeter_test::read_file(input.path().string());
+                LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+                ++replayed;
+            }
+    EXPECT_GE(replayed, 5u);
 }
 
 // Records each transaction's cids; fails them while `failing` is set.

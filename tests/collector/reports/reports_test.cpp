@@ -22,11 +22,7 @@ using json = nlohmann::json;
 using usemeter_test::temp_home_t;
 
 using usemeter_test::run_command;
-
-usemeter_test::command_result_t run_tool(const std::string& arguments)
-{
-    return run_command(std::string(USEMETER_TOOL) + " " + arguments + " 2>/dev/null");
-}
+using usemeter_test::run_tool;
 
 class reports_test : public ::testing::Test {
 protected:
@@ -134,12 +130,6 @@ protected:
         ASSERT_TRUE(collector_);
     }
 
-    httplib::Result get(const std::string& path)
-    {
-        httplib::Client client("127.0.0.1", collector_->port());
-        return client.Get(path);
-    }
-
     std::unique_ptr<uc::collector_t> collector_;
 };
 
@@ -198,7 +188,7 @@ std::string percent(const json& share)
     return text;
 }
 
-TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figures)
+TEST_F(served_reports_test, page_draws_every_chart_shows_the_endpoint_figures_and_obeys_its_controls)
 {
     if (!usemeter_test::file_exists("/usr/bin/chromium"))
         GTEST_SKIP() << "chromium is not installed (scripts/install-deps installs it)";
@@ -206,7 +196,7 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
     ASSERT_EQ(run_tool(std::string("stats --html ") + file + " --since 2026-02-15 --until 2026-03-16 --store " +
                        store_uri()).status, 0);
     auto stats = [&](const std::string& kind, const std::string& query) {
-        return json::parse(get("/api/stats/" + kind + "?" + query)->body);
+        return json::parse(httplib::Client("127.0.0.1", collector_->port()).Get("/api/stats/" + kind + "?" + query)->body);
     };
     const json days = stats("active", range).at("days");
     const json before = stats("active", "since=2026-01-16&until=2026-02-14").at("days");
@@ -248,21 +238,13 @@ TEST_F(served_reports_test, page_draws_every_chart_and_shows_the_endpoint_figure
         EXPECT_EQ(shown, shares);
         EXPECT_EQ(all_matches(element(dom, "table-features", "table"), "(<tr)").size(), features.at("features").size() + 1);
     }
-}
-
-// The controls' query (a version, the last 7 days) gives the figures of that scope's JSON.
-TEST_F(served_reports_test, page_controls_change_the_figures)
-{
-    if (!usemeter_test::file_exists("/usr/bin/chromium"))
-        GTEST_SKIP() << "chromium is not installed (scripts/install-deps installs it)";
-    const json last = json::parse(get("/api/stats/active?version=2026.1&since=2026-03-10&until=2026-03-16")->body)
-                          .at("days").back();
+    // The controls' query (a version, the last 7 days) gives the figures of that scope's JSON.
+    const json scoped = stats("active", "version=2026.1&since=2026-03-10&until=2026-03-16").at("days").back();
     std::string console;
-    const std::string dom =
-        page_dom(home_.path(), collector_->url("/report?version=2026.1&days=7&until=2026-03-16"), console);
+    const std::string dom = page_dom(home_.path(), collector_->url("/report?version=2026.1&days=7&until=2026-03-16"), console);
     EXPECT_EQ(console, "");
     EXPECT_NE(dom.find(">2026-03-10 to 2026-03-16 (UTC), version 2026.1<"), std::string::npos);
-    EXPECT_NE(dom.find("id=\"figure-wau\">" + last.at("wau").dump() + "<"), std::string::npos);
+    EXPECT_NE(dom.find("id=\"figure-wau\">" + scoped.at("wau").dump() + "<"), std::string::npos);
     EXPECT_NE(dom.find("<option value=\"2026.1\">"), std::string::npos);
 }
 
