@@ -171,6 +171,7 @@ TEST_F(hostile_test, http_limits_hold_whatever_the_framing)
         {"form batch of 12 KB", post("/batch", batch, form), "", 0, "", 200, 20},
         {"batch of 21 lines", post("/batch", batch + hit + "&ec=a", form), "", 0, "", 413, 0},
         {"batch over 16 KB", post("/batch", batch + hit + "&ec=a&x=" + std::string(6500, 'x')), "", 0, "", 413, 0},
+        {"batch line over 8 KB", post("/batch", hit + "&ec=a&x=" + std::string(8192, 'x')), "", 0, "", 413, 0},
         {"batch with a bad line", post("/batch", hit + "&ec=a\r\n" + hit + "&ec=b\nv=3"), "", 0, "", 200, 2},
         {"no such path", post("/other", hit + "&ec=a"), "", 0, "", 404, 0},
         {"no GET of hits", get("/collect"), "", 0, "", 405, 0},
