@@ -19,10 +19,7 @@ namespace {
 
 namespace uc = usemeter_collector;
 using json = nlohmann::json;
-using usemeter_test::temp_home_t;
-
-using usemeter_test::run_command;
-using usemeter_test::run_tool;
+using namespace usemeter_test;
 
 class reports_test : public ::testing::Test {
 protected:
@@ -41,7 +38,7 @@ protected:
     std::string endpoint_answer(const std::string& arguments)
     {
         if (!serving_)
-            serving_ = usemeter_test::start_report_collector(store_uri());
+            serving_ = start_report_collector(store_uri());
         std::istringstream words(arguments);
         std::string path;
         words >> path;
@@ -94,7 +91,7 @@ TEST_F(reports_test, known_hits_give_known_numbers_in_every_format)
 {
     store(known_hits);
     const std::string path = USEMETER_TEST_SOURCE_DIR "/data/known_reports.txt";
-    std::istringstream cases(usemeter_test::read_file(path));
+    std::istringstream cases(read_file(path));
     std::vector<std::pair<std::string, std::string>> answers;
     for (std::string line; std::getline(cases, line);) {
         if (line.rfind("$ ", 0) == 0)
@@ -126,7 +123,7 @@ protected:
         auto store = uc::open_store(store_uri(), uc::durability_t::normal, error);
         std::int64_t hits = 0;
         ASSERT_TRUE(uc::generate_hits(generator, *store, hits));
-        collector_ = usemeter_test::start_report_collector(store_uri());
+        collector_ = start_report_collector(store_uri());
         ASSERT_TRUE(collector_);
     }
 
@@ -190,7 +187,7 @@ std::string percent(const json& share)
 
 TEST_F(served_reports_test, page_draws_every_chart_shows_the_endpoint_figures_and_obeys_its_controls)
 {
-    if (!usemeter_test::file_exists("/usr/bin/chromium"))
+    if (!file_exists("/usr/bin/chromium"))
         GTEST_SKIP() << "chromium is not installed (scripts/install-deps installs it)";
     const std::string file = home_ / "report.html";
     ASSERT_EQ(run_tool(std::string("stats --html ") + file + " --since 2026-02-15 --until 2026-03-16 --store " +
