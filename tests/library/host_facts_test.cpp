@@ -25,7 +25,6 @@ TEST(os_name, each_release_file_is_read_as_its_format_says_in_order)
         {"PRETTY_NAME=Fedora 39", "Fedora 39"}, {"PRETTY_NAME='Arch Linux'\n", "'Arch Linux'"},
         {"PRETTY_NAME=\"a \"quoted\" word\"\n", "a \"quoted\" word"}, {"PRETTY_NAME=\" \"\" \"\n", "Fallback"},
         {"PRETTY_NAME=\t\"Tabbed\"\t\n", "\t\"Tabbed\"\t"},
-        {"PRETTY_NAME=\"First\"\nPRETTY_NAME=\"Second\"\n", "First"},
         {"PRETTY_NAME=\nPRETTY_NAME=\"Second\"\n", "Fallback"},  // the first line wins, even empty
         {"  PRETTY_NAME=x\nexport PRETTY_NAME=x\n#PRETTY_NAME=x\npretty_name=x\nNAME=x\n", "Fallback"},
         {missing, "CentOS Linux 7.9 (Core)", "CentOS Linux 7.9 (Core)\nsecond\n"},
