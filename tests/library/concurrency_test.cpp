@@ -26,7 +26,6 @@ TEST_F(concurrency_test, get_races_the_release_of_the_last_reference)
 {
     boost::shared_ptr<usemeter::statistic_t> held = usemeter::statistic_t::get();
     const std::string uuid = held->get_uuid();
-    ASSERT_EQ(uuid.size(), 36u);
     boost::barrier barrier(thread_count);
     std::atomic<int> bad{0};
     run_together(thread_count, [&](int t) {
@@ -48,7 +47,6 @@ TEST_F(concurrency_test, get_races_the_release_of_the_last_reference)
 // Destruction right after the last post still delivers all; a host thread keeps its SIGPIPE handler.
 TEST_F(concurrency_test, one_connector_takes_bodies_from_many_threads_in_each_threads_order)
 {
-    scoped_env_t direct("http_proxy", nullptr);
     struct sigaction mine {};
     mine.sa_handler = [](int) {};
     ::sigaction(SIGPIPE, &mine, nullptr);
