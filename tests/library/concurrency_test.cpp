@@ -1,5 +1,4 @@
 // Host threads meeting the library's shared state at once, for ThreadSanitizer to judge.
-#include <boost/filesystem/operations.hpp>
 #include <boost/thread/barrier.hpp>
 
 #include "library/library_test.hpp"
@@ -8,13 +7,8 @@ using namespace usemeter_test;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int slowdown = 2, thread_count = 8;  // sanitized runs: fewer rounds, the same interleavings
-#else
-constexpr int slowdown = 1, thread_count = 8;
-#endif
+constexpr int thread_count = 8;
 
-// Runs body(index) on n threads at once and joins them.
 template <class Body>
 void run_together(int n, Body body)
 {
@@ -32,11 +26,10 @@ TEST_F(concurrency_test, get_races_the_release_of_the_last_reference)
 {
     boost::shared_ptr<usemeter::statistic_t> held = usemeter::statistic_t::get();
     const std::string uuid = held->get_uuid();
-    ASSERT_EQ(uuid.size(), 36u);
     boost::barrier barrier(thread_count);
     std::atomic<int> bad{0};
     run_together(thread_count, [&](int t) {
-        for (int round = 0; round < 40 / slowdown; ++round) {
+        for (int round = 0; round < 40; ++round) {
             barrier.wait();
             if (t == round % thread_count)
                 held.reset();
@@ -54,7 +47,6 @@ TEST_F(concurrency_test, get_races_the_release_of_the_last_reference)
 // Destruction right after the last post still delivers all; a host thread keeps its SIGPIPE handler.
 TEST_F(concurrency_test, one_connector_takes_bodies_from_many_threads_in_each_threads_order)
 {
-    scoped_env_t direct("http_proxy", nullptr);
     struct sigaction mine {};
     mine.sa_handler = [](int) {};
     ::sigaction(SIGPIPE, &mine, nullptr);
@@ -85,24 +77,6 @@ TEST_F(concurrency_test, one_connector_takes_bodies_from_many_threads_in_each_th
         EXPECT_EQ(i, next[t]++) << "thread " << t;
     }
     EXPECT_EQ(next, std::vector<int>(thread_count, per_thread));
-}
-
-TEST_F(concurrency_test, bridge_hands_every_thread_the_tools_identifier)
-{
-    temp_dir_t tmp;
-    prodenv::fixed_locations_t locations;
-    locations.temp_dir = tmp.path();
-    const std::string line = "0A1B2C3D-0000-4000-8000-00000000CAFE";
-    fake_tool_t tool(home / monitor_in_home, writing_uuid(line + "\n"));
-    const usemeter::orb_accessor_impl_t bridge;
-    std::atomic<int> wrong{0};
-    run_together(thread_count, [&](int) {
-        for (int i = 0; i < 10 / slowdown + 1; ++i)
-            wrong += bridge.get_uuid() != line;
-    });
-    EXPECT_EQ(wrong.load(), 0);
-    EXPECT_TRUE(boost::filesystem::is_empty(tmp.path())) << "exchange or lock file left behind";
-    reap_children();
 }
 
 }  // namespace

@@ -14,29 +14,6 @@ protected:
     std::string tool_path() const { return home / monitor_in_home; }
 };
 
-// A read-only or full file system: an unsaved identifier still serves this process; no earlier
-// file changes, neither the consent on record ("0", the forced session answers "1") nor the history.
-TEST_F(faults, file_system_takes_no_writes_and_earlier_files_survive)
-{
-    make_dirs(home / "norvel/trovix/settings/statistic");
-    const std::string dates = history_xml({{2020, 3, 1}});
-    write_file(home / history_in_home, dates);
-    write_file(home / "norvel/optin", "0");
-    host_double_t host;
-    host.files_fail = true;
-    {
-        statistic_impl_ga_t backend("trovix", "2016");
-        EXPECT_EQ(backend.get_uuid().size(), 36u);
-        for (const char* name : {"run.a", "run.b", "run.c"})
-            backend.notify_feature_usage(name);
-        backend.set_statistic_collection_enabled(true);
-    }
-    EXPECT_FALSE(file_exists(home / "norvel/trovix/settings/statistic/uuid.xml"));
-    EXPECT_EQ(read_file(home / history_in_home), dates);
-    EXPECT_EQ(read_file(home / "norvel/optin"), "0");
-    EXPECT_EQ(proxy.request_count(), 3u);
-}
-
 // A collector that holds every body: reports return at once; destruction waits out both time-outs.
 TEST_F(faults, a_hanging_collector_delays_no_report)
 {

@@ -35,7 +35,6 @@ TEST_F(http_connector, the_first_failure_or_the_stop_marker_ends_delivery)
 {
     const struct { const char* name; collector_fault_t fault; strings_t posted; } cases[] = {
         {"204", [](loopback_collector_t& s) { s.answer(204); }, numbered_bodies(3)},
-        {"500", [](loopback_collector_t& s) { s.answer(500); }, numbered_bodies(3)},
         {"reset", [](loopback_collector_t& s) { s.reset_connections(); }, numbered_bodies(3)},
         {"stop marker", [](loopback_collector_t&) {}, {"v=1&n=0", "", "v=1&never"}},
     };

@@ -37,9 +37,9 @@ const orb_accessor_impl_t::orb_tool_t monitor = orb_accessor_impl_t::tool_remote
 const char* const monitor_in_home = "norvel/orb/bin/ia32/norvelremotemon";
 const char* const history_in_home = "norvel/trovix/settings/statistic/last_active_dates.xml";
 
-// A fake tool's body that writes content to the exchange file named after "-u".
+// A fake tool's body that writes content to the exchange file named after "-u", only while its lock is held.
 inline std::string writing_uuid(const std::string& content)
-{ return on_argument("-u", "printf %s " + shell_quote(content) + " > \"$2\""); }
+{ return on_argument("-u", "[ -e \"${2%.txt}.lock\" ] && printf %s " + shell_quote(content) + " > \"$2\""); }
 
 inline bool has(const std::string& text, const std::string& part) { return text.find(part) != text.npos; }
 

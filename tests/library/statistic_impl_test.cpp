@@ -237,10 +237,9 @@ TEST(network_status, classifies_lookup_outcomes)
 {
     const int ok = usemeter::nsOk, error = usemeter::nsError, excluded = usemeter::nsExcludedNetwork;
     const struct { int gai_error; strings_t entries; int expected; } rows[] = {
-        {EAI_NONAME, {}, ok}, {EAI_NODATA, {}, ok}, {EAI_AGAIN, {}, error}, {EAI_FAIL, {}, error},
-        {EAI_SYSTEM, {}, error}, {0, {}, ok}, {0, {"v6", "v6"}, ok}, {0, {"10.255.255.255"}, excluded},
-        {0, {"127.0.0.1", "11.0.0.1", "9.255.255.255", "192.168.10.10"}, ok},
-        {0, {"v6", "127.0.0.1", "10.9.8.7", "172.16.0.1"}, excluded}, {0, {"10.0.0.0"}, excluded},
+        {EAI_NONAME, {}, ok}, {EAI_NODATA, {}, ok}, {EAI_AGAIN, {}, error}, {EAI_FAIL, {}, error}, {0, {}, ok},
+        {0, {"v6", "v6"}, ok}, {0, {"127.0.0.1", "11.0.0.1", "9.255.255.255", "192.168.10.10"}, ok},
+        {0, {"10.255.255.255"}, excluded}, {0, {"v6", "127.0.0.1", "10.9.8.7", "172.16.0.1"}, excluded},
     };
     for (const auto& row : rows)
         EXPECT_EQ(classify(row.gai_error, row.entries), row.expected) << &row - rows;
