@@ -49,6 +49,11 @@ struct setting_t {
     std::vector<uc::hit_t> hits;
     bool up = server.start();
 
+    std::string uri(const std::string& database) const
+    {
+        return "clickhouse+http://127.0.0.1:" + std::to_string(server.port()) + "/" + database;
+    }
+
     setting_t()
     {
         for (int n = 0; n < hit_count; ++n)
@@ -114,7 +119,7 @@ void BM_clickhouse_forwarding(benchmark::State& state)
         const std::string database = fresh_database(s.server.port(), "fwd" + std::to_string(runs));
         settle(s.server.port());
         const auto started = clock_type::now();
-        auto store = open(s.server.uri(database), spool);
+        auto store = open(s.uri(database), spool);
         while (store->backlog() > 0)  // polled coarsely: finer costs CPU the floor does not spend
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         const std::chrono::duration<double> took = clock_type::now() - started;
@@ -232,7 +237,7 @@ void BM_clickhouse_reports(benchmark::State& state)
             if (!fill(http, database, size))
                 return state.SkipWithError("cannot generate the hits");
             std::string error;
-            auto source = uc::open_report_source(s.server.uri(database), error);
+            auto source = uc::open_report_source(s.uri(database), error);
             for (const auto& [name, kind] : report_kinds)
                 report_seconds[name + std::string(" ") + std::to_string(size)] = best_of_three([&] {
                     uc::report_t report;

@@ -204,7 +204,7 @@ std::string http_connector_t::urlencode(const std::string& text)
     // Length 0: libcurl measures the text up to its first NUL byte. A null result makes the
     // std::string constructor throw, which is the caller's to handle.
     std::unique_ptr<char, void (*)(void*)> escaped(curl_easy_escape(curl, text.c_str(), 0),
-                                                 &std::free);
+                                                 &curl_free);
     return std::string(escaped.get());
 }
 

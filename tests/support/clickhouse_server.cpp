@@ -99,11 +99,6 @@ void clickhouse_server_t::kill(int signal)
     pid_ = -1;
 }
 
-std::string clickhouse_server_t::uri(const std::string& database) const
-{
-    return "clickhouse+http://127.0.0.1:" + std::to_string(port_) + "/" + database;
-}
-
 std::string clickhouse_server_t::query(const std::string& statement) const
 {
     std::string result;

@@ -16,8 +16,7 @@ namespace usemeter_test {
 class clickhouse_server_t {
 public:
     clickhouse_server_t();
-    // Kills a running server.
-    ~clickhouse_server_t();
+    ~clickhouse_server_t();  // kills a running server
 
     // Starts the server and waits until it answers; false (why in error()) when the server
     // is not installed or does not come up within 20 s.
@@ -26,7 +25,6 @@ public:
     void kill(int signal = SIGKILL);
 
     int port() const { return port_; }
-    std::string uri(const std::string& database) const;  // as the collector's --store
     const std::string& error() const { return error_; }
     // Runs one statement; the TabSeparated answer, or "ERROR ..." .
     std::string query(const std::string& statement) const;

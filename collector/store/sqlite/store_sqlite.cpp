@@ -238,6 +238,8 @@ int sqlite_schema_version()
 
 void create_private_file(const std::string& path)
 {
+    if (path == ":memory:")  // SQLite's in-memory database: no file at all
+        return;
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd >= 0)
         ::close(fd);

@@ -3,7 +3,6 @@
 // commit (503 until it can) is the full spool of clickhouse_test.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstring>
