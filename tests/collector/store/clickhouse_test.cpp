@@ -137,10 +137,7 @@ INSTANTIATE_TEST_SUITE_P(shards, clickhouse_shards_test, ::testing::Values(1, 2)
 
 TEST(clickhouse_uri, names_each_shard_once_in_order)
 {
-    const struct {
-        const char* uri;
-        std::vector<std::string> servers;  // none: refused
-    } cases[] = {
+    const struct { const char* uri; std::vector<std::string> servers; /* none: refused */ } cases[] = {
         {"clickhouse+http://ch:8123/usemeter", {"http://ch:8123"}},
         {"clickhouse+http://[::1]:1,ch2:2,10.0.0.3:3/usemeter",
          {"http://[::1]:1", "http://ch2:2", "http://10.0.0.3:3"}},
@@ -167,18 +164,12 @@ TEST(clickhouse_uri, names_each_shard_once_in_order)
 // taken and the other's not; hits keep coming while it is down. Each hit is counted once.
 TEST_P(clickhouse_shards_test, stopped_or_killed_in_the_middle_of_a_batch_nothing_missing_nothing_twice)
 {
-    struct case_t {
-        const char* name;
-        uc::forward_step_t step;
-        int kill_after_ms;
-        int signal;
-    };
-    const case_t cases[] = {
+    const struct { const char* name; uc::forward_step_t step; int kill_after_ms, signal; } cases[] = {
         {"killed after the insert", uc::forward_step_t::acknowledged, 0, SIGKILL},
         {"killed while inserting", uc::forward_step_t::send, 15, SIGKILL},
         {"stopped while inserting", uc::forward_step_t::send, 15, SIGTERM},
     };
-    for (const case_t& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         for (std::size_t shard = 0; shard < shards; ++shard)
             servers[shard].query("DROP DATABASE IF EXISTS test");
