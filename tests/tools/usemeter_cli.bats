@@ -113,12 +113,13 @@ TABLE
   [[ $status == 1 && $stderr == *"could not record the answer"* ]]
 }
 
-@test "report: delivered before it exits, and a failure when nothing arrives" {
-  start_collector
+@test "report: delivered before it exits, printed decoded, and a failure when nothing arrives" {
+  start_collector --print
   export NORVEL_FORCE_FEEDBACK=1 http_proxy=http://127.0.0.1:$port
   run um report "${data[@]}" --version 3.2.1 gui.open.file run.build debug.internal
   [[ $status == 0 && $output == *"debug.internal: dropped"* && $output == *"delivered 2 of 2 hit(s)"* ]]
-  run --separate-stderr um collector --listen "127.0.0.1:$port" --store sqlite:other.db
+  [[ $(<"$HOME/collector.out") == *"hit 2: POST http://"*"(proxy form)"*"  el    build "*"event label"* ]]
+  run --separate-stderr um collector --listen "127.0.0.1:$port" --store "sqlite:$HOME/other.db"
   [[ $status == 1 && $stderr == *"cannot listen on 127.0.0.1:$port"* ]]
   teardown
   run um collector export --store "sqlite:$HOME/hits.db" --since 2000-01-01
