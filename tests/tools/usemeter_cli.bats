@@ -118,7 +118,7 @@ TABLE
   export NORVEL_FORCE_FEEDBACK=1 http_proxy=http://127.0.0.1:$port
   run um report "${data[@]}" --version 3.2.1 gui.open.file run.build debug.internal
   [[ $status == 0 && $output == *"debug.internal: dropped"* && $output == *"delivered 2 of 2 hit(s)"* ]]
-  [[ $(<"$HOME/collector.out") == *"hit 2: POST http://"*"(proxy form)"*"  el    build "*"event label"* ]]
+  [[ $(<"$HOME/collector.out") == *"hit 1: POST http://"*"(proxy form)"*"  el    open.file "*"event label"*"hit 2: "* ]]
   run --separate-stderr um collector --listen "127.0.0.1:$port" --store "sqlite:$HOME/other.db"
   [[ $status == 1 && $stderr == *"cannot listen on 127.0.0.1:$port"* ]]
   teardown
