@@ -14,7 +14,7 @@
 
 #include <httplib.h>
 
-#include "collector/collector.hpp"
+#include "support/collector_fixture.hpp"
 #include "support/temp_home.hpp"
 
 using namespace usemeter_test;
@@ -35,7 +35,7 @@ protected:
     std::string store_uri = "sqlite:" + dir / "hits.db";
 };
 
-TEST_F(collector_test, retention_and_erasure_keep_the_rollups_true)
+TEST_F(collector_test, retention_at_start_and_erasure_keep_the_rollups_true)
 {
     std::string error;
     auto sqlite = open_store(store_uri, durability_t::normal, error);
@@ -43,10 +43,13 @@ TEST_F(collector_test, retention_and_erasure_keep_the_rollups_true)
     auto hit = [](std::int64_t at, const char* cid) {
         return hit_t{at, "UA-1", cid, "p", "1", "", "", "y", "gui", "x,\"y\""};
     };
-    ASSERT_TRUE(sqlite->append({hit(t0, "a"), hit(t0 + 2 * day, "a"), hit(t0, "b"), hit(t0 + 2 * day, "b")}));
+    ASSERT_TRUE(sqlite->append({hit(t0, "a"), hit(t0 + day, "a"), hit(t0 + 2 * day, "a"), hit(t0, "b"),
+                                hit(t0 + 2 * day, "b")}));
+    // Retention runs as the collector starts (then hourly): the days before 2024-10-06 go.
+    ASSERT_TRUE(usemeter_test::start_report_collector(store_uri, "", [](collector_options_t& options) {
+        options.retention_days = int(instant_day_number(std::time(nullptr)) - day_number("2024-10-06"));
+    }));
     std::int64_t erased = 0;
-    ASSERT_TRUE(sqlite->erase_before(utc_day(t0 + 2 * day), erased));
-    EXPECT_EQ(erased, 2);
     ASSERT_TRUE(sqlite->erase_client("b", erased));
     EXPECT_EQ(erased, 1);
     EXPECT_EQ(exported(*sqlite), "received,tid,cid,an,av,cd1,cd2,cd3,ec,el\n"
