@@ -51,7 +51,6 @@ std::string page(const std::string& policy, const std::string& style, const std:
                 scripts);
 }
 
-
 // JSON inside <script>: no <, > or & at all (a label "<!--<script>" would otherwise change how
 // the page parses). Outside strings JSON has none of them, so every one is in a string.
 std::string json_in_html(const nlohmann::json& data)
